@@ -1,0 +1,54 @@
+# Entry points for people and CI. `make demo` builds everything and runs the
+# main job on the built-in sample; `make test` builds and runs every test in
+# a normal build and under AddressSanitizer + UndefinedBehaviorSanitizer.
+
+BUILD      ?= build
+ASAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
+JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
+FUZZ_SECONDS ?= 60
+CMAKE_FLAGS ?=
+
+.PHONY: all deps build demo test test-release test-asan fuzz bench install-check format clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS)
+
+demo: build
+	@scripts/demo.sh $(BUILD)
+
+test: test-release test-asan
+
+test-release: build
+	cd $(BUILD) && ctest -j$(JOBS) --output-on-failure --no-tests=error
+
+test-asan: deps
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTALVERN_SANITIZE=ON \
+	  -DTALVERN_BUILD_BENCH=OFF $(CMAKE_FLAGS)
+	cmake --build $(ASAN_BUILD) -j$(JOBS)
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest -j$(JOBS) --output-on-failure --no-tests=error
+
+fuzz:
+	@scripts/install-deps.sh --fuzz
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DTALVERN_BUILD_FUZZ=ON -DTALVERN_BUILD_TESTS=ON -DTALVERN_BUILD_BENCH=OFF \
+	  -DTALVERN_BUILD_TOOLS=OFF
+	cmake --build $(FUZZ_BUILD) -j$(JOBS)
+	@scripts/run-fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+bench: build
+	@scripts/bench.sh $(BUILD)
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -1,0 +1,78 @@
+// The private state block of an archive object, shared by the library's
+// archive, operations and volumes code. Not installed.
+#pragma once
+
+#include <talvern/archive.h>
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+// Status bits of CArchiveFileData::Flags.
+constexpr DWORD FlagReadable = 0x00000001;
+constexpr DWORD FlagWritable = 0x00000002;
+constexpr DWORD FlagHeaderDirty = 0x00000004;
+constexpr DWORD FlagMediaChanged = 0x20000000;
+constexpr DWORD FlagBusy = 0x40000000;
+constexpr DWORD FlagError = 0x80000000;
+
+// The 20-byte volume header, in memory.
+struct VolumeHeader {
+  BYTE Magic[8];          // "ArchFile"
+  BYTE Marker;            // 0x1A
+  BYTE Version;           // 0
+  WORD VolumeWord;        // bits 0-14 volume number, bit 15 continued
+  std::uint64_t ArchiveSize; // end of the last record's data
+
+  static constexpr DWORD Size = 20;
+  static constexpr WORD ContinueBit = 0x8000;
+  static constexpr WORD NumberMask = 0x7FFF;
+
+  // The header of a newly created volume.
+  static VolumeHeader Fresh() {
+    VolumeHeader h{};
+    std::memcpy(h.Magic, "ArchFile", 8);
+    h.Marker = 0x1A;
+    h.Version = 0;
+    h.VolumeWord = 0;
+    h.ArchiveSize = Size;
+    return h;
+  }
+  void Zero() { *this = VolumeHeader{}; }
+
+  // Little-endian on-disk form.
+  void Store(BYTE out[Size]) const;
+  void Load(const BYTE in[Size]);
+  // Magic, marker and a version this library reads.
+  bool IsValid() const;
+};
+
+struct CArchiveFileData {
+  DWORD Flags = 0;
+  DWORD ErrorCode = 0;
+  CString ArchiveName;
+  std::unique_ptr<CArchiveSize> Limit;
+  FILETIME DefaultCreate{};
+  FILETIME DefaultLastWrite{};
+  FILETIME DefaultLastAccess{};
+  HANDLE Handle = INVALID_HANDLE_VALUE;
+  std::uint64_t CommittedSize = 0;
+  VolumeHeader Header{};
+
+  // The effective size limit of the current volume: 0 means no limit.
+  // (0xFFFFFFFF is returned as it is; callers treat it as no limit.)
+  DWORD EffectiveLimit() const;
+};
+
+// A search handle: the position of the next record in the open volume.
+class CArchiveFindFile {
+public:
+  CArchiveOffset NextOffset{VolumeHeader::Size};
+};
+
+// The library's own access to an archive object's state block, for code
+// that is not a member of CArchiveFile (and for white-box tests).
+struct CArchiveFileAccess {
+  static CArchiveFileData& Data(CArchiveFile& archive) { return *archive.m_Data; }
+  static const CArchiveFileData& Data(const CArchiveFile& archive) { return *archive.m_Data; }
+};

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs what building and testing talvern needs, when it is missing:
+# a C++20 compiler, CMake, make, pkg-config, GoogleTest and Google Benchmark
+# (and clang with its sanitizer runtimes for `make fuzz`).
+set -euo pipefail
+
+want_fuzz=0
+[ "${1:-}" = "--fuzz" ] && want_fuzz=1
+
+missing=()
+command -v cmake >/dev/null 2>&1 || missing+=(cmake)
+command -v g++ >/dev/null 2>&1 || missing+=(g++)
+command -v make >/dev/null 2>&1 || missing+=(make)
+command -v pkg-config >/dev/null 2>&1 || missing+=(pkg-config)
+[ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
+[ -f /usr/include/gmock/gmock.h ] || missing+=(libgmock-dev)
+[ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
+if [ "$want_fuzz" = 1 ]; then
+  command -v clang++ >/dev/null 2>&1 || missing+=(clang)
+  ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 ||
+    missing+=(libclang-rt-dev)
+fi
+
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "Installing missing packages: ${missing[*]}"
+sudo=""
+if [ "$(id -u)" != 0 ]; then
+  command -v sudo >/dev/null 2>&1 || { echo "need root or sudo to install ${missing[*]}" >&2; exit 1; }
+  sudo="sudo"
+fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,52 @@
+// Helpers shared by the test programs: temporary folders, host files and
+// string conversions.
+#pragma once
+
+#include <talvern/talvern.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace test {
+
+// A fresh host folder under $TMPDIR (or /tmp), removed with its contents
+// when the object goes away.
+class TempDir {
+public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  // The folder as a host path (no trailing slash).
+  const std::string& Host() const { return host_; }
+  // A host path below the folder.
+  std::string Host(const std::string& relative) const { return host_ + "/" + relative; }
+  // The folder, or a path below it, in the library's Windows form.
+  CString Win() const;
+  CString Win(const std::string& relative) const;
+
+private:
+  std::string host_;
+};
+
+// UTF-8 / ASCII to the library's wide string, and back.
+CString W(const std::string& text);
+std::string N(const CString& text);
+std::string N(const WCHAR* text);
+
+// Host file helpers (parents are created).
+void WriteFile(const std::string& hostPath, const std::string& contents);
+void WriteFile(const std::string& hostPath, const std::vector<std::uint8_t>& contents);
+std::vector<std::uint8_t> ReadFile(const std::string& hostPath);
+std::string ReadText(const std::string& hostPath);
+bool Exists(const std::string& hostPath);
+
+// Deterministic pseudo-random bytes.
+std::vector<std::uint8_t> RandomBytes(std::size_t count, std::uint32_t seed);
+
+// The files of the shared benchmark corpus (host paths), sorted by name.
+std::vector<std::string> CorpusFiles();
+
+} // namespace test
