@@ -1,0 +1,80 @@
+// Default decision members: method request, selection, temporary file and
+// backup names.
+#include <talvern/archive.h>
+
+namespace {
+
+// Exclusion bits (attribute shifted into bits 16 to 23) and the attributes
+// they test.
+constexpr DWORD kSelectableAttributes[] = {FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_HIDDEN,
+                                           FILE_ATTRIBUTE_SYSTEM, FILE_ATTRIBUTE_ARCHIVE};
+
+bool PassesExclusions(DWORD attributes, DWORD srch) {
+  for (DWORD a : kSelectableAttributes)
+    if ((srch & (a << 16)) && (attributes & a)) return false;
+  return true;
+}
+
+bool PassesRequirements(DWORD attributes, DWORD srch) {
+  for (DWORD a : kSelectableAttributes)
+    if ((srch & a) && !(attributes & a)) return false;
+  return true;
+}
+
+int MatchDir(const CArchiveEntry& entry, DWORD srch) {
+  return PassesExclusions(entry.FindData.dwFileAttributes, srch) ? 1 : 0;
+}
+
+int MatchFile(const CArchiveEntry& entry, DWORD srch) {
+  const DWORD attributes = entry.FindData.dwFileAttributes;
+  return PassesExclusions(attributes, srch) && PassesRequirements(attributes, srch) ? 1 : 0;
+}
+
+} // namespace
+
+DWORD CArchiveFile::GetRequestCompressType(const CArchiveEntry& entry, CSrchFlags,
+                                           CAttrFlags) const {
+  return entry.CompressType != 0 ? entry.CompressType : 0xFFFFu;
+}
+
+int CArchiveFile::IsMatchCompressDir(const CArchiveEntry& entry, CSrchFlags srch,
+                                     CAttrFlags) const {
+  return MatchDir(entry, srch);
+}
+
+int CArchiveFile::IsMatchCompressFile(const CArchiveEntry& entry, CSrchFlags srch,
+                                      CAttrFlags) const {
+  return MatchFile(entry, srch);
+}
+
+int CArchiveFile::IsMatchExpandDir(const CArchiveEntry& entry, CSrchFlags srch,
+                                   CAttrFlags) const {
+  return MatchDir(entry, srch);
+}
+
+int CArchiveFile::IsMatchExpandFile(const CArchiveEntry& entry, CSrchFlags srch,
+                                    CAttrFlags) const {
+  return MatchFile(entry, srch);
+}
+
+UINT CArchiveFile::GetTempCompressFile(CString& result, UINT unique, const WCHAR* prefix) const {
+  result.clear();
+  constexpr DWORD kDirCapacity = 248;
+  WCHAR dir[kDirCapacity] = {};
+  const DWORD length = GetTempPathW(kDirCapacity, dir);
+  // A longer path is reported as the length it needs: no room for it here.
+  if (length == 0 || length >= kDirCapacity) return 0;
+  WCHAR name[MAX_PATH] = {};
+  const UINT got = GetTempFileNameW(dir, prefix != nullptr ? prefix : WTEXT("ARC"), unique, name);
+  if (got == 0) return 0;
+  result = name;
+  return got;
+}
+
+int CArchiveFile::MakeBackupFile(const WCHAR* fileName, CString& result, int existing) const {
+  result.clear();
+  if (fileName == nullptr) return 0;
+  result = fileName;
+  result += existing ? WTEXT(".ORG") : WTEXT(".NEW");
+  return 1;
+}
