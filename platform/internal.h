@@ -4,6 +4,7 @@
 
 #include <talvern/win32.h>
 
+#include <memory>
 #include <string>
 
 namespace talvern::platform {
@@ -18,5 +19,26 @@ DWORD SetLastErrorFromErrno(int err);
 // an empty drive, 1005 for an unformatted medium, 206 for a name that is too
 // long). Names are mapped as the contract says (U+F000 + byte).
 bool ResolveToHost(const WCHAR* windowsPath, std::string& hostPath);
+
+// Every HANDLE the layer gives out (files, searches, mappings, devices,
+// tokens) names one live object of a class derived from HandleObject.
+// CloseHandle destroys it.
+class HandleObject {
+public:
+  virtual ~HandleObject() = default;
+};
+
+// Takes ownership and returns a handle that is neither null nor
+// INVALID_HANDLE_VALUE.
+HANDLE RegisterHandle(std::unique_ptr<HandleObject> object);
+
+// The live object behind a handle, or null (the caller then fails with
+// ERROR_INVALID_HANDLE). The pointer stays valid until the handle is closed;
+// a handle is used by one thread at a time.
+HandleObject* FindHandle(HANDLE handle);
+
+template <class T> T* FindHandleAs(HANDLE handle) {
+  return dynamic_cast<T*>(FindHandle(handle));
+}
 
 } // namespace talvern::platform
