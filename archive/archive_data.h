@@ -18,10 +18,10 @@ constexpr DWORD FlagError = 0x80000000;
 
 // The 20-byte volume header, in memory.
 struct VolumeHeader {
-  BYTE Magic[8];             // "ArchFile"
-  BYTE Marker;               // 0x1A
-  BYTE Version;              // 0
-  WORD VolumeWord;           // bits 0-14 volume number, bit 15 continued
+  BYTE Magic[8];          // "ArchFile"
+  BYTE Marker;            // 0x1A
+  BYTE Version;           // 0
+  WORD VolumeWord;        // bits 0-14 volume number, bit 15 continued
   std::uint64_t ArchiveSize; // end of the last record's data
 
   static constexpr DWORD Size = 20;
