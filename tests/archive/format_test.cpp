@@ -333,7 +333,7 @@ TEST_F(FormatTest, StringMembers) {
   WCHAR buffer[4] = {9, 9, 9, 9};
   ASSERT_TRUE(archive.DoReadString(budget, buffer, 4));
   EXPECT_EQ(CString(buffer), u"abc");
-  EXPECT_EQ(budget.GetValue(), 96u - 6 - 2 - 14);
+  EXPECT_EQ(budget.GetValue(), 96u - 8 - 2 - 14);
 
   // A budget below the count's 2 bytes, or below the characters, is 132
   // in the thread's last error; the archive's error state stays clear.

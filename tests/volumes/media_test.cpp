@@ -26,19 +26,13 @@ public:
 
   using CArchiveFile::DoEjectMedia;
   using CArchiveFile::DoFlushMedia;
-  using CArchiveFile::DoFormat;
   using CArchiveFile::DoLoadMedia;
   using CArchiveFile::ExecCheckFormated;
-  using CArchiveFile::ExecDeviceClose;
-  using CArchiveFile::ExecDeviceLock;
-  using CArchiveFile::ExecDeviceOpen;
-  using CArchiveFile::ExecDeviceUnlock;
   using CArchiveFile::ExecEjectMedia;
-  using CArchiveFile::ExecFlushMedia;
   using CArchiveFile::ExecLoadMedia;
   using CArchiveFile::ExecLockMedia;
 
-protected:
+  // Overrides, public so that the tests can call them directly too.
   HANDLE ExecDeviceOpen(const WCHAR* root, DWORD access) const override {
     char text[16];
     snprintf(text, sizeof text, "%08X", access);
