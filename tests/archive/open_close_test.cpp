@@ -211,22 +211,6 @@ TEST_F(OpenCloseTest, LatchedErrorCutsBackToTheCommittedSize) {
   EXPECT_EQ(ReadFile(host), before);
 }
 
-TEST_F(OpenCloseTest, LatchedErrorRollsBackTheInMemorySizeToo) {
-  MakeVolume({"a"});
-  const std::uint64_t size = ReadFile(host).size();
-  ASSERT_TRUE(a.WriteOpen(0, 1));
-  // Bytes written beyond the committed size with the header untouched.
-  DWORD put = 0;
-  LONG high = 0;
-  SetFilePointer(a.Handle(), 0, &high, FILE_END);
-  ASSERT_TRUE(::WriteFile(a.Handle(), "partial", 7, &put, nullptr));
-  a.Data().Header.ArchiveSize = size + 7; // in memory only, not dirty
-  a.SetErrorCode(ERROR_DISK_FULL);
-  EXPECT_TRUE(a.Flush());
-  EXPECT_EQ(a.GetArchiveSize().GetValue(), size);
-  EXPECT_EQ(ReadFile(host).size(), size);
-}
-
 TEST_F(OpenCloseTest, FlushOfAReadVolumeWritesNothing) {
   MakeVolume({"a"});
   std::vector<std::uint8_t> bytes = ReadFile(host);
@@ -262,20 +246,6 @@ TEST_F(OpenCloseTest, BusySurvivesOpenAndCloseAndOpenClearsTheRest) {
   EXPECT_TRUE(a.IsError()); // a close keeps it
   EXPECT_EQ(a.Data().Flags & ~(FlagBusy | FlagError), 0u);
   EXPECT_EQ(a.Data().CommittedSize, 0u);
-}
-
-TEST_F(OpenCloseTest, ReadersShareWritersDoNot) {
-  MakeVolume({"a"});
-  CArchiveFile other;
-  ASSERT_TRUE(other.FileName(dir.Win("v.arc").c_str(), nullptr));
-  ASSERT_TRUE(a.ReadOpen());
-  ASSERT_TRUE(other.ReadOpen());
-  EXPECT_FALSE(other.WriteOpen(0, 0));
-  EXPECT_EQ(other.GetErrorCode(), ERROR_SHARING_VIOLATION);
-  a.Close();
-  ASSERT_TRUE(a.WriteOpen(0, 0));
-  EXPECT_FALSE(other.ReadOpen());
-  EXPECT_EQ(other.GetErrorCode(), ERROR_SHARING_VIOLATION);
 }
 
 } // namespace
