@@ -34,9 +34,9 @@ constexpr std::size_t kKeptHeader = 16;
 
 constexpr mode_t kPermissionBits = 0777;
 // The kept descriptor describes the item while its owner, group and these
-// bits are those it was created with. The owner-write bit is left out: it
-// carries the read-only attribute, which extraction sets after creation.
-constexpr mode_t kTrackedBits = kPermissionBits & ~static_cast<mode_t>(S_IWUSR);
+// bits are those it was created with. The write bits are left out: they
+// carry the read-only attribute, which extraction sets after creation.
+constexpr mode_t kTrackedBits = kPermissionBits & ~static_cast<mode_t>(S_IWUSR | S_IWGRP | S_IWOTH);
 
 constexpr BYTE kUnixAuthority = 22;
 constexpr BYTE kWorldAuthority = 1;

@@ -145,6 +145,41 @@ TEST(FileSecurity, DescriptorGivenAtCreationComesBackExactly) {
   EXPECT_TRUE(EqualSid(owner, hostOwner.data()));
 }
 
+// Through the file calls that take security attributes; the read-only
+// attribute, which takes away write bits, leaves the descriptor in force.
+TEST(FileSecurity, CreationThroughTheFileCallsAndReadOnly) {
+  test::TempDir dir;
+  Layout l;
+  l.owner = Sid(22, {1, geteuid()});
+  l.group = Sid(22, {2, getegid()});
+  l.dacl = Acl({Ace(0, 0, GENERIC_ALL, l.owner), Ace(0, 0, GENERIC_READ | GENERIC_WRITE, l.group),
+                Ace(0, 0, GENERIC_READ, Everyone())});
+  Bytes given = SelfRelative(l);
+  SECURITY_ATTRIBUTES sa{sizeof(SECURITY_ATTRIBUTES), given.data(), FALSE};
+  HANDLE file = CreateFileW(dir.Win("f").c_str(), GENERIC_WRITE, 0, &sa, CREATE_NEW,
+                            FILE_ATTRIBUTE_NORMAL, nullptr);
+  ASSERT_NE(file, INVALID_HANDLE_VALUE);
+  CloseHandle(file);
+  ASSERT_TRUE(CreateDirectoryW(dir.Win("d").c_str(), &sa));
+  for (const char* name : {"f", "d"}) {
+    EXPECT_EQ(ModeOf(dir.Host(name)), 0764u) << name;
+    ASSERT_TRUE(SetFileAttributesW(dir.Win(name).c_str(), FILE_ATTRIBUTE_READONLY));
+    EXPECT_EQ(Read(dir.Win(name), kOwnerGroupDacl), given) << name;
+  }
+
+  talvern::SetPrivilegeHeld(WTEXT("SeSecurityPrivilege"), FALSE);
+  Bytes withSacl = SelfRelative(WindowsLayout());
+  sa.lpSecurityDescriptor = withSacl.data();
+  EXPECT_EQ(CreateFileW(dir.Win("g").c_str(), GENERIC_WRITE, 0, &sa, CREATE_NEW,
+                        FILE_ATTRIBUTE_NORMAL, nullptr),
+            INVALID_HANDLE_VALUE);
+  EXPECT_EQ(GetLastError(), ERROR_PRIVILEGE_NOT_HELD);
+  EXPECT_FALSE(CreateDirectoryW(dir.Win("e").c_str(), &sa));
+  EXPECT_EQ(GetLastError(), ERROR_PRIVILEGE_NOT_HELD);
+  EXPECT_FALSE(test::Exists(dir.Host("g")));
+  EXPECT_FALSE(test::Exists(dir.Host("e")));
+}
+
 TEST(FileSecurity, OwnerGroupAndRefusals) {
   test::TempDir dir;
   test::WriteFile(dir.Host("f"), "x");
