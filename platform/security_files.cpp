@@ -7,7 +7,7 @@
 // descriptor given to an item when it is created is applied as far as the
 // host can hold it and kept, byte for byte, in the extended attribute
 // "user.talvern.security", so that reading it back gives the same bytes.
-#include "platform/internal.h"
+#include "platform/layer.h"
 #include "platform/security_internal.h"
 
 #include <sys/stat.h>
@@ -356,11 +356,6 @@ void KeepDescriptor(const std::string& hostPath, const Bytes& descriptor, uid_t 
   setxattr(hostPath.c_str(), kKeptName, value.data(), value.size(), 0);
 }
 
-BOOL Fail(DWORD code) {
-  SetLastError(code);
-  return FALSE;
-}
-
 } // namespace
 
 DWORD ApplySecurityOnCreate(const std::string& hostPath, bool isDirectory,
@@ -411,7 +406,10 @@ BOOL GetFileSecurityW(LPCWSTR fileName, SECURITY_INFORMATION requestedInformatio
   if (!ResolveToHost(fileName, hostPath)) return FALSE;
   struct stat st;
   if (stat(hostPath.c_str(), &st) != 0) {
-    SetLastErrorFromErrno(errno);
+    if (errno == ENOENT)
+      SetMissingError(hostPath);
+    else
+      SetLastErrorFromErrno(errno);
     return FALSE;
   }
   // Reading the system access list needs the privilege enabled, as opening
