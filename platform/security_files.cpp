@@ -279,8 +279,8 @@ constexpr SECURITY_DESCRIPTOR_CONTROL kDaclBits = SE_DACL_PRESENT | SE_DACL_DEFA
 // A kept descriptor reduced to the requested parts. When nothing has to go
 // the bytes come back exactly as they were kept.
 Bytes Requested(const BYTE* kept, std::size_t length, SECURITY_INFORMATION requested) {
-  Parts parts = PartsOf(const_cast<BYTE*>(kept));
-  const SECURITY_DESCRIPTOR_CONTROL before = parts.control;
+  const Parts original = PartsOf(const_cast<BYTE*>(kept));
+  Parts parts = original;
   if (!(requested & OWNER_SECURITY_INFORMATION)) {
     parts.owner = nullptr;
     parts.control &= ~SE_OWNER_DEFAULTED;
@@ -297,8 +297,8 @@ Bytes Requested(const BYTE* kept, std::size_t length, SECURITY_INFORMATION reque
     parts.daclPresent = FALSE;
     parts.control &= ~kDaclBits;
   }
-  const Parts original = PartsOf(const_cast<BYTE*>(kept));
-  if (parts.control == before && parts.owner == original.owner && parts.group == original.group)
+  if (parts.control == original.control && parts.owner == original.owner &&
+      parts.group == original.group)
     return Bytes(kept, kept + length);
   if (!parts.saclPresent) parts.sacl = nullptr;
   if (!parts.daclPresent) parts.dacl = nullptr;
