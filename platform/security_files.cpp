@@ -281,22 +281,16 @@ constexpr SECURITY_DESCRIPTOR_CONTROL kDaclBits = SE_DACL_PRESENT | SE_DACL_DEFA
 Bytes Requested(const BYTE* kept, std::size_t length, SECURITY_INFORMATION requested) {
   const Parts original = PartsOf(const_cast<BYTE*>(kept));
   Parts parts = original;
-  if (!(requested & OWNER_SECURITY_INFORMATION)) {
-    parts.owner = nullptr;
-    parts.control &= ~SE_OWNER_DEFAULTED;
-  }
-  if (!(requested & GROUP_SECURITY_INFORMATION)) {
-    parts.group = nullptr;
-    parts.control &= ~SE_GROUP_DEFAULTED;
-  }
-  if (!(requested & SACL_SECURITY_INFORMATION)) {
-    parts.saclPresent = FALSE;
-    parts.control &= ~kSaclBits;
-  }
-  if (!(requested & DACL_SECURITY_INFORMATION)) {
-    parts.daclPresent = FALSE;
-    parts.control &= ~kDaclBits;
-  }
+  auto drop = [&](SECURITY_INFORMATION information, SECURITY_DESCRIPTOR_CONTROL bits, auto& part,
+                  auto none) {
+    if (requested & information) return;
+    part = none;
+    parts.control &= ~bits;
+  };
+  drop(OWNER_SECURITY_INFORMATION, SE_OWNER_DEFAULTED, parts.owner, PSID{});
+  drop(GROUP_SECURITY_INFORMATION, SE_GROUP_DEFAULTED, parts.group, PSID{});
+  drop(SACL_SECURITY_INFORMATION, kSaclBits, parts.saclPresent, FALSE);
+  drop(DACL_SECURITY_INFORMATION, kDaclBits, parts.daclPresent, FALSE);
   if (parts.control == original.control && parts.owner == original.owner &&
       parts.group == original.group)
     return Bytes(kept, kept + length);
