@@ -63,7 +63,7 @@ TEST(ArchiveObject, FreshObjectStateAndDefaultTimes) {
 TEST(ArchiveObject, FileNameAndLimits) {
   TempDir dir;
   RecordArchive a;
-  const CString name = dir.Win("backup\\data.arc");
+  const CString name = dir.Win("backup/data.arc");
 
   // A limit of 0 stores no limit and keeps the extension.
   const CArchiveSize zero(0);
@@ -78,7 +78,7 @@ TEST(ArchiveObject, FileNameAndLimits) {
   ASSERT_NE(a.LimitSize(), nullptr);
   EXPECT_NE(a.LimitSize(), &limit);
   EXPECT_EQ(a.LimitSize()->GetValue(), 1457664u);
-  EXPECT_EQ(CString(a.FileName()), dir.Win("backup\\data"));
+  EXPECT_EQ(CString(a.FileName()), dir.Win("backup/data"));
   EXPECT_EQ(a.Data().EffectiveLimit(), 1457664u);
   limit = 5;
   EXPECT_EQ(a.LimitSize()->GetValue(), 1457664u);
@@ -98,7 +98,7 @@ TEST(ArchiveObject, FileNameAndLimits) {
   // The stored name handed back changes nothing.
   const WCHAR* own = a.FileName();
   ASSERT_TRUE(a.FileName(own, a.LimitSize()));
-  EXPECT_EQ(CString(a.FileName()), dir.Win("backup\\data"));
+  EXPECT_EQ(CString(a.FileName()), dir.Win("backup/data"));
   EXPECT_EQ(a.LimitSize()->HighPart, 500000u);
 
   // A relative name is made absolute against the current directory.
@@ -212,7 +212,7 @@ TEST(ArchiveObject, RefusedMediaStopsTheOpenWithoutACode) {
   TempDir dir;
   SpyArchive a;
   a.refuseLoad = 1;
-  ASSERT_TRUE(a.FileName(dir.Win("sub\\new.arc").c_str(), nullptr));
+  ASSERT_TRUE(a.FileName(dir.Win("sub/new.arc").c_str(), nullptr));
   EXPECT_FALSE(a.CreateOpen(1, 1));
   EXPECT_FALSE(a.IsError());
   EXPECT_FALSE(a.IsOpen());

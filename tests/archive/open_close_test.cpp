@@ -46,7 +46,7 @@ TEST_F(OpenCloseTest, CreateRefusesAnExistingFileUnlessOverwriting) {
 }
 
 TEST_F(OpenCloseTest, CreateMakesMissingFolders) {
-  Name("a\\b\\c\\v.arc");
+  Name("a/b/c/v.arc");
   ASSERT_TRUE(a.CreateOpen(0, 1)) << a.GetErrorCode();
   EXPECT_TRUE(a.IsReadable());
   ASSERT_TRUE(a.Close());
@@ -87,7 +87,7 @@ TEST_F(OpenCloseTest, ReadOpenRejections) {
   Name("missing.arc");
   EXPECT_FALSE(a.ReadOpen());
   EXPECT_EQ(a.GetErrorCode(), ERROR_FILE_NOT_FOUND);
-  Name("nowhere\\x.arc");
+  Name("nowhere/x.arc");
   EXPECT_FALSE(a.ReadOpen());
   EXPECT_EQ(a.GetErrorCode(), ERROR_PATH_NOT_FOUND);
   EXPECT_FALSE(Exists(dir.Host("nowhere")));
@@ -116,7 +116,7 @@ TEST_F(OpenCloseTest, WriteOpenWithCreateKeepsAnExistingArchive) {
 
   // A missing file is created with a fresh header, folders included; so is
   // an empty one.
-  Name("new\\w.arc");
+  Name("new/w.arc");
   ASSERT_TRUE(a.WriteOpen(1, 0));
   ASSERT_TRUE(a.Close());
   EXPECT_EQ(ReadFile(dir.Host("new/w.arc")), Bytes().Header(20).Get());

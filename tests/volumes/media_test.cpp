@@ -304,9 +304,10 @@ TEST_F(MediaTest, DeviceRequests) {
   a.ExecEjectMedia(device);
   EXPECT_TRUE(a.ExecCheckFormated(u"A:\\", 1));
   EXPECT_TRUE(a.ExecLockMedia(device, 0));
+  EXPECT_TRUE(a.ExecLoadMedia(device));
   EXPECT_TRUE(a.ExecEjectMedia(device));
   EXPECT_FALSE(a.ExecCheckFormated(u"A:\\", 1));
-  EXPECT_TRUE(a.ExecLoadMedia(device));
+  EXPECT_FALSE(a.ExecLoadMedia(device)); // nothing to load in an empty drive
   EXPECT_TRUE(a.ExecDeviceClose(device));
 }
 
@@ -323,7 +324,9 @@ TEST_F(MediaTest, FormatRefusals) {
   a.calls.clear();
   EXPECT_FALSE(a.Format(u"A:\\", 1));
   EXPECT_EQ(a.GetErrorCode(), ERROR_PATH_BUSY);
+  EXPECT_TRUE(a.calls.empty());
   ASSERT_TRUE(a.Close());
+  a.calls.clear();
   a.ClearError();
   EXPECT_FALSE(a.Format(nullptr, 1));
   EXPECT_EQ(a.GetErrorCode(), ERROR_PATH_BUSY);
