@@ -261,6 +261,36 @@ bool ValidDescriptor(const void* descriptor, std::size_t limit) {
   return ReadDescriptor(descriptor, limit, view) == ERROR_SUCCESS && PartsValid(view);
 }
 
+// The query functions: one part of a descriptor and its flags.
+using ViewPart = const BYTE* DescriptorView::*;
+
+BOOL GetSidPart(PSECURITY_DESCRIPTOR descriptor, ViewPart part, WORD defaultedBit, PSID* sid,
+                LPBOOL defaulted) {
+  if (sid == nullptr || defaulted == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+  DescriptorView view;
+  if (DWORD error = ReadDescriptor(descriptor, kMaxSelfRelativeLength, view);
+      error != ERROR_SUCCESS)
+    return Fail(error);
+  *sid = const_cast<BYTE*>(view.*part);
+  *defaulted = (view.control & defaultedBit) ? TRUE : FALSE;
+  return TRUE;
+}
+
+BOOL GetAclPart(PSECURITY_DESCRIPTOR descriptor, ViewPart part, WORD presentBit, WORD defaultedBit,
+                LPBOOL present, PACL* acl, LPBOOL defaulted) {
+  if (present == nullptr || acl == nullptr || defaulted == nullptr)
+    return Fail(ERROR_INVALID_PARAMETER);
+  DescriptorView view;
+  if (DWORD error = ReadDescriptor(descriptor, kMaxSelfRelativeLength, view);
+      error != ERROR_SUCCESS)
+    return Fail(error);
+  const bool isPresent = (view.control & presentBit) != 0;
+  *present = isPresent ? TRUE : FALSE;
+  *acl = reinterpret_cast<PACL>(const_cast<BYTE*>(view.*part));
+  *defaulted = isPresent && (view.control & defaultedBit) ? TRUE : FALSE;
+  return TRUE;
+}
+
 // The header of an absolute descriptor that the Set functions may change.
 DWORD WritableAbsolute(PSECURITY_DESCRIPTOR descriptor) {
   const BYTE* sd = AsBytes(descriptor);
@@ -512,56 +542,26 @@ BOOL GetSecurityDescriptorControl(PSECURITY_DESCRIPTOR securityDescriptor,
 
 BOOL GetSecurityDescriptorOwner(PSECURITY_DESCRIPTOR securityDescriptor, PSID* owner,
                                 LPBOOL ownerDefaulted) {
-  DescriptorView view;
-  if (owner == nullptr || ownerDefaulted == nullptr) return Fail(ERROR_INVALID_PARAMETER);
-  if (DWORD error = ReadDescriptor(securityDescriptor, kMaxSelfRelativeLength, view);
-      error != ERROR_SUCCESS)
-    return Fail(error);
-  *owner = const_cast<BYTE*>(view.owner);
-  *ownerDefaulted = (view.control & SE_OWNER_DEFAULTED) ? TRUE : FALSE;
-  return TRUE;
+  return GetSidPart(securityDescriptor, &DescriptorView::owner, SE_OWNER_DEFAULTED, owner,
+                    ownerDefaulted);
 }
 
 BOOL GetSecurityDescriptorGroup(PSECURITY_DESCRIPTOR securityDescriptor, PSID* group,
                                 LPBOOL groupDefaulted) {
-  DescriptorView view;
-  if (group == nullptr || groupDefaulted == nullptr) return Fail(ERROR_INVALID_PARAMETER);
-  if (DWORD error = ReadDescriptor(securityDescriptor, kMaxSelfRelativeLength, view);
-      error != ERROR_SUCCESS)
-    return Fail(error);
-  *group = const_cast<BYTE*>(view.group);
-  *groupDefaulted = (view.control & SE_GROUP_DEFAULTED) ? TRUE : FALSE;
-  return TRUE;
+  return GetSidPart(securityDescriptor, &DescriptorView::group, SE_GROUP_DEFAULTED, group,
+                    groupDefaulted);
 }
 
 BOOL GetSecurityDescriptorSacl(PSECURITY_DESCRIPTOR securityDescriptor, LPBOOL saclPresent,
                                PACL* sacl, LPBOOL saclDefaulted) {
-  DescriptorView view;
-  if (saclPresent == nullptr || sacl == nullptr || saclDefaulted == nullptr)
-    return Fail(ERROR_INVALID_PARAMETER);
-  if (DWORD error = ReadDescriptor(securityDescriptor, kMaxSelfRelativeLength, view);
-      error != ERROR_SUCCESS)
-    return Fail(error);
-  const bool present = (view.control & SE_SACL_PRESENT) != 0;
-  *saclPresent = present ? TRUE : FALSE;
-  *sacl = reinterpret_cast<PACL>(const_cast<BYTE*>(view.sacl));
-  *saclDefaulted = present && (view.control & SE_SACL_DEFAULTED) ? TRUE : FALSE;
-  return TRUE;
+  return GetAclPart(securityDescriptor, &DescriptorView::sacl, SE_SACL_PRESENT, SE_SACL_DEFAULTED,
+                    saclPresent, sacl, saclDefaulted);
 }
 
 BOOL GetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR securityDescriptor, LPBOOL daclPresent,
                                PACL* dacl, LPBOOL daclDefaulted) {
-  DescriptorView view;
-  if (daclPresent == nullptr || dacl == nullptr || daclDefaulted == nullptr)
-    return Fail(ERROR_INVALID_PARAMETER);
-  if (DWORD error = ReadDescriptor(securityDescriptor, kMaxSelfRelativeLength, view);
-      error != ERROR_SUCCESS)
-    return Fail(error);
-  const bool present = (view.control & SE_DACL_PRESENT) != 0;
-  *daclPresent = present ? TRUE : FALSE;
-  *dacl = reinterpret_cast<PACL>(const_cast<BYTE*>(view.dacl));
-  *daclDefaulted = present && (view.control & SE_DACL_DEFAULTED) ? TRUE : FALSE;
-  return TRUE;
+  return GetAclPart(securityDescriptor, &DescriptorView::dacl, SE_DACL_PRESENT, SE_DACL_DEFAULTED,
+                    daclPresent, dacl, daclDefaulted);
 }
 
 BOOL InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR securityDescriptor, DWORD revision) {

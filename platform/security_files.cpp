@@ -7,7 +7,7 @@
 // descriptor given to an item when it is created is applied as far as the
 // host can hold it and kept, byte for byte, in the extended attribute
 // "user.talvern.security", so that reading it back gives the same bytes.
-#include "platform/internal.h"
+#include "platform/layer.h"
 #include "platform/security_internal.h"
 
 #include <sys/stat.h>
@@ -279,26 +279,20 @@ constexpr SECURITY_DESCRIPTOR_CONTROL kDaclBits = SE_DACL_PRESENT | SE_DACL_DEFA
 // A kept descriptor reduced to the requested parts. When nothing has to go
 // the bytes come back exactly as they were kept.
 Bytes Requested(const BYTE* kept, std::size_t length, SECURITY_INFORMATION requested) {
-  Parts parts = PartsOf(const_cast<BYTE*>(kept));
-  const SECURITY_DESCRIPTOR_CONTROL before = parts.control;
-  if (!(requested & OWNER_SECURITY_INFORMATION)) {
-    parts.owner = nullptr;
-    parts.control &= ~SE_OWNER_DEFAULTED;
-  }
-  if (!(requested & GROUP_SECURITY_INFORMATION)) {
-    parts.group = nullptr;
-    parts.control &= ~SE_GROUP_DEFAULTED;
-  }
-  if (!(requested & SACL_SECURITY_INFORMATION)) {
-    parts.saclPresent = FALSE;
-    parts.control &= ~kSaclBits;
-  }
-  if (!(requested & DACL_SECURITY_INFORMATION)) {
-    parts.daclPresent = FALSE;
-    parts.control &= ~kDaclBits;
-  }
   const Parts original = PartsOf(const_cast<BYTE*>(kept));
-  if (parts.control == before && parts.owner == original.owner && parts.group == original.group)
+  Parts parts = original;
+  auto drop = [&](SECURITY_INFORMATION information, SECURITY_DESCRIPTOR_CONTROL bits, auto& part,
+                  auto none) {
+    if (requested & information) return;
+    part = none;
+    parts.control &= ~bits;
+  };
+  drop(OWNER_SECURITY_INFORMATION, SE_OWNER_DEFAULTED, parts.owner, PSID{});
+  drop(GROUP_SECURITY_INFORMATION, SE_GROUP_DEFAULTED, parts.group, PSID{});
+  drop(SACL_SECURITY_INFORMATION, kSaclBits, parts.saclPresent, FALSE);
+  drop(DACL_SECURITY_INFORMATION, kDaclBits, parts.daclPresent, FALSE);
+  if (parts.control == original.control && parts.owner == original.owner &&
+      parts.group == original.group)
     return Bytes(kept, kept + length);
   if (!parts.saclPresent) parts.sacl = nullptr;
   if (!parts.daclPresent) parts.dacl = nullptr;
@@ -356,11 +350,6 @@ void KeepDescriptor(const std::string& hostPath, const Bytes& descriptor, uid_t 
   setxattr(hostPath.c_str(), kKeptName, value.data(), value.size(), 0);
 }
 
-BOOL Fail(DWORD code) {
-  SetLastError(code);
-  return FALSE;
-}
-
 } // namespace
 
 DWORD ApplySecurityOnCreate(const std::string& hostPath, bool isDirectory,
@@ -411,7 +400,10 @@ BOOL GetFileSecurityW(LPCWSTR fileName, SECURITY_INFORMATION requestedInformatio
   if (!ResolveToHost(fileName, hostPath)) return FALSE;
   struct stat st;
   if (stat(hostPath.c_str(), &st) != 0) {
-    SetLastErrorFromErrno(errno);
+    if (errno == ENOENT)
+      SetMissingError(hostPath);
+    else
+      SetLastErrorFromErrno(errno);
     return FALSE;
   }
   // Reading the system access list needs the privilege enabled, as opening

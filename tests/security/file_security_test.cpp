@@ -80,6 +80,8 @@ TEST(FileSecurity, HostFileDescriptorAndSizeProtocol) {
 
   EXPECT_FALSE(GetFileSecurityW(dir.Win("missing").c_str(), kOwnerGroupDacl, nullptr, 0, &needed));
   EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+  EXPECT_FALSE(GetFileSecurityW(dir.Win("no/f").c_str(), kOwnerGroupDacl, nullptr, 0, &needed));
+  EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
 }
 
 TEST(FileSecurity, SystemListNeedsTheEnabledPrivilege) {
