@@ -75,4 +75,28 @@ public:
 struct CArchiveFileAccess {
   static CArchiveFileData& Data(CArchiveFile& archive) { return *archive.m_Data; }
   static const CArchiveFileData& Data(const CArchiveFile& archive) { return *archive.m_Data; }
+
+  // Calls of protected members for shared code outside the members. Each
+  // goes through the virtual table, so a host's override takes effect.
+  static int DoLoadMedia(CArchiveFile& a, const WCHAR* root, int forWriting) {
+    return a.DoLoadMedia(root, forWriting);
+  }
+  static int AlreadyOpenedNotify(CArchiveFile& a, const WCHAR* root) {
+    return a.AlreadyOpenedNotify(root);
+  }
+  static HANDLE ExecDeviceOpen(const CArchiveFile& a, const WCHAR* root, DWORD access) {
+    return a.ExecDeviceOpen(root, access);
+  }
+  static int ExecDeviceClose(const CArchiveFile& a, HANDLE device) {
+    return a.ExecDeviceClose(device);
+  }
+  static int ExecDeviceLock(const CArchiveFile& a, HANDLE device) {
+    return a.ExecDeviceLock(device);
+  }
+  static int ExecDeviceUnlock(const CArchiveFile& a, HANDLE device) {
+    return a.ExecDeviceUnlock(device);
+  }
+  static int ExecFlushMedia(const CArchiveFile& a, HANDLE device) {
+    return a.ExecFlushMedia(device);
+  }
 };

@@ -1,0 +1,303 @@
+// Entry records and their strings on the open volume: reading, writing and
+// sizing them.
+//
+// A record is a 64-byte fixed part, the folder path and the name as counted
+// UTF-16LE strings, a 4-byte security block length and the block itself;
+// its stored data follows at the record's header size H. Writers produce
+// H exactly; readers accept a larger H and skip what they do not consume.
+#include "archive/archive_data.h"
+#include "archive/volume_io.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+#include <vector>
+
+using namespace volume_io;
+
+namespace {
+
+constexpr DWORD kFixedPart = 64;
+constexpr std::uint64_t kMaxHeaderSize = 0xFFFFFFFFu;
+constexpr int kNameCapacity = MAX_PATH; // cFileName, terminator included
+
+// Offsets inside the fixed part of a record.
+enum : DWORD {
+  kOffHeaderSize = 0,
+  kOffCompressType = 4,
+  kOffCrc = 8,
+  kOffAttributes = 12,
+  kOffCreation = 16,
+  kOffLastAccess = 24,
+  kOffLastWrite = 32,
+  kOffSizeLow = 40,
+  kOffSizeHigh = 44,
+  kOffPackedSize = 48,
+  kOffDataSize = 56,
+};
+
+FILETIME ToFileTime(std::uint64_t v) {
+  return FILETIME{static_cast<DWORD>(v), static_cast<DWORD>(v >> 32)};
+}
+std::uint64_t FromFileTime(const FILETIME& t) {
+  return (static_cast<std::uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime;
+}
+
+// Length of a string in code units as the format stores it: the low 16 bits.
+DWORD StoredLength(const WCHAR* text) {
+  return text != nullptr ? static_cast<DWORD>(lstrlenW(text)) & 0xFFFFu : 0;
+}
+
+// Length of the entry's own name: up to its terminator, never past the
+// 260 code units of cFileName.
+DWORD NameLength(const WIN32_FIND_DATAW& data) {
+  DWORD n = 0;
+  while (n < static_cast<DWORD>(kNameCapacity) && data.cFileName[n] != 0) ++n;
+  return n;
+}
+
+// Appends a counted UTF-16LE string (count already reduced to 16 bits).
+void AppendString(std::vector<BYTE>& out, const WCHAR* text, DWORD count) {
+  const size_t at = out.size();
+  out.resize(at + 2 + 2 * static_cast<size_t>(count));
+  PutLE16(out.data() + at, static_cast<std::uint16_t>(count));
+  for (DWORD i = 0; i < count; ++i) PutLE16(out.data() + at + 2 + 2 * i, text[i]);
+}
+
+// Adds b to a, reporting a carry out of 64 bits.
+bool AddChecked(std::uint64_t& a, std::uint64_t b) {
+  const std::uint64_t sum = a + b;
+  const bool carry = sum < a;
+  a = sum;
+  return !carry;
+}
+
+} // namespace
+
+// ---- Strings ---------------------------------------------------------------------------
+
+int CArchiveFile::DoReadString(CArchiveSize& budget, CString& text) const {
+  text.clear();
+  std::uint64_t left = budget.GetValue();
+  if (left < 2) {
+    SetLastError(ERROR_SEEK_ON_DEVICE);
+    return 0;
+  }
+  left -= 2;
+  budget = left;
+  BYTE count[2];
+  if (!ReadAll(m_Data->Handle, count, 2, ERROR_SEEK_ON_DEVICE)) return 0;
+  const DWORD n = GetLE16(count);
+  if (n == 0) return 1;
+
+  std::vector<BYTE> bytes;
+  CString result;
+  try {
+    bytes.resize(2 * static_cast<size_t>(n));
+    result.resize(n);
+  } catch (const std::bad_alloc&) {
+    SetLastError(ERROR_OUTOFMEMORY);
+    return 0;
+  }
+  if (left < 2ull * n) {
+    SetLastError(ERROR_SEEK_ON_DEVICE);
+    return 0;
+  }
+  budget = left - 2ull * n;
+  if (!ReadAll(m_Data->Handle, bytes.data(), 2 * n, ERROR_SEEK_ON_DEVICE)) return 0;
+  for (DWORD i = 0; i < n; ++i) result[i] = static_cast<WCHAR>(GetLE16(bytes.data() + 2 * i));
+  text = std::move(result);
+  return 1;
+}
+
+int CArchiveFile::DoReadString(CArchiveSize& budget, WCHAR* buffer, int capacity) const {
+  if (buffer != nullptr && capacity >= 1)
+    std::fill(buffer, buffer + capacity, static_cast<WCHAR>(0));
+  CString text;
+  const int ok = DoReadString(budget, text);
+  if (ok && buffer != nullptr && capacity >= 2 && !text.empty()) {
+    const size_t count = std::min(text.size(), static_cast<size_t>(capacity - 1));
+    std::copy_n(text.begin(), count, buffer);
+  }
+  return ok;
+}
+
+int CArchiveFile::DoWriteString(const WCHAR* text) const {
+  const DWORD n = StoredLength(text);
+  std::vector<BYTE> bytes;
+  AppendString(bytes, text, n);
+  return WriteAll(m_Data->Handle, bytes.data(), static_cast<DWORD>(bytes.size())) ? 1 : 0;
+}
+
+int CArchiveFile::CalcWriteStringSize(CArchiveSize& size, const WCHAR* text) const {
+  std::uint64_t value = size.GetValue();
+  const bool ok = AddChecked(value, 2) && AddChecked(value, 2ull * StoredLength(text));
+  size = value;
+  return ok ? 1 : 0;
+}
+
+// ---- Records -----------------------------------------------------------------------------
+
+int CArchiveFile::DoReadEntry(const CArchiveOffset& position, const CArchiveSize& available,
+                              CArchiveEntry& entry, CArchiveSize* recordSize) {
+  entry.Clear();
+  if (recordSize != nullptr) *recordSize = 0;
+  auto fail = [&](DWORD code) {
+    entry.Clear();
+    SetErrorCode(code);
+    return 0;
+  };
+
+  const HANDLE file = m_Data->Handle;
+  const std::uint64_t pos = position.GetValue();
+  const std::uint64_t avail = available.GetValue();
+  if (!SeekTo(file, pos)) return fail(LastErrorOr());
+  if (avail < kFixedPart) return fail(ERROR_SEEK_ON_DEVICE);
+
+  BYTE fixed[kFixedPart];
+  if (!ReadAll(file, fixed, kFixedPart, ERROR_SEEK_ON_DEVICE)) return fail(LastErrorOr());
+
+  const std::uint64_t headerSize = GetLE32(fixed + kOffHeaderSize);
+  const std::uint64_t dataSize = GetLE64(fixed + kOffDataSize);
+  if (headerSize > avail || dataSize > avail - headerSize || headerSize < kFixedPart)
+    return fail(ERROR_SEEK_ON_DEVICE);
+  std::uint64_t dataOffset = pos;
+  if (!AddChecked(dataOffset, headerSize)) return fail(ERROR_SEEK_ON_DEVICE);
+
+  entry.EntryOffset = pos;
+  entry.DataOffset = dataOffset;
+  entry.DataSize = dataSize;
+  entry.PackedSize = GetLE64(fixed + kOffPackedSize);
+  entry.CompressType = GetLE32(fixed + kOffCompressType);
+  entry.Crc = GetLE32(fixed + kOffCrc);
+  WIN32_FIND_DATAW& fd = entry.FindData;
+  fd.dwFileAttributes = GetLE32(fixed + kOffAttributes);
+  fd.ftCreationTime = ToFileTime(GetLE64(fixed + kOffCreation));
+  fd.ftLastAccessTime = ToFileTime(GetLE64(fixed + kOffLastAccess));
+  fd.ftLastWriteTime = ToFileTime(GetLE64(fixed + kOffLastWrite));
+  fd.nFileSizeLow = GetLE32(fixed + kOffSizeLow);
+  fd.nFileSizeHigh = GetLE32(fixed + kOffSizeHigh);
+
+  CArchiveSize left = headerSize - kFixedPart;
+  if (!DoReadString(left, entry.Path)) return fail(LastErrorOr());
+
+  std::fill(std::begin(fd.cFileName), std::end(fd.cFileName), static_cast<WCHAR>(0));
+  CString name;
+  if (!DoReadString(left, name)) return fail(LastErrorOr());
+  std::copy_n(name.begin(), std::min(name.size(), static_cast<size_t>(kNameCapacity - 1)),
+              fd.cFileName);
+
+  if (left.GetValue() < 4) return fail(ERROR_SEEK_ON_DEVICE);
+  BYTE lengthBytes[4];
+  if (!ReadAll(file, lengthBytes, 4, ERROR_SEEK_ON_DEVICE)) return fail(LastErrorOr());
+  const DWORD blockLength = GetLE32(lengthBytes);
+  const std::uint64_t blockRoom = left.GetValue() - 4;
+
+  if (entry.Security == nullptr) {
+    entry.Security = new (std::nothrow) CArchiveSecurity();
+    if (entry.Security == nullptr) return fail(ERROR_OUTOFMEMORY);
+  }
+  if (blockLength != 0) {
+    // The length is tested against the header before anything is allocated,
+    // so that a damaged length cannot ask for gigabytes.
+    if (blockLength > blockRoom) return fail(ERROR_SEEK_ON_DEVICE);
+    std::unique_ptr<BYTE[]> block(new (std::nothrow) BYTE[blockLength]);
+    if (!block) return fail(ERROR_OUTOFMEMORY);
+    std::fill_n(block.get(), blockLength, BYTE{0});
+    if (!ReadAll(file, block.get(), blockLength, ERROR_SEEK_ON_DEVICE)) return fail(LastErrorOr());
+    entry.Security->Data = block.release();
+    entry.Security->Length = blockLength;
+  }
+
+  if (recordSize != nullptr) *recordSize = headerSize + dataSize;
+  return 1;
+}
+
+int CArchiveFile::DoWriteEntry(CArchiveEntry& entry, CArchiveSize* recordSize) {
+  if (recordSize != nullptr) *recordSize = 0;
+  const std::uint64_t entryOffset = entry.EntryOffset.GetValue();
+  entry.DataOffset = entryOffset;
+  const HANDLE file = m_Data->Handle;
+  if (!SeekTo(file, entryOffset)) {
+    SetErrorCode(LastErrorOr());
+    return 0;
+  }
+
+  const DWORD pathLength = StoredLength(entry.Path.c_str());
+  const DWORD nameLength = NameLength(entry.FindData) & 0xFFFFu;
+  const bool hasBlock = entry.Security != nullptr && entry.Security->Data != nullptr;
+  const DWORD blockLength = hasBlock ? entry.Security->Length : 0;
+
+  std::uint64_t headerSize = kFixedPart;
+  if (!AddChecked(headerSize, 2 + 2ull * pathLength) ||
+      !AddChecked(headerSize, 2 + 2ull * nameLength) || !AddChecked(headerSize, 4) ||
+      !AddChecked(headerSize, blockLength) || headerSize > kMaxHeaderSize) {
+    SetErrorCode(ERROR_SEEK_ON_DEVICE);
+    return 0;
+  }
+
+  const DWORD limit = m_Data->EffectiveLimit();
+  if (limit != 0 && limit != 0xFFFFFFFFu) {
+    std::uint64_t end = entryOffset;
+    if (!AddChecked(end, headerSize)) {
+      SetErrorCode(ERROR_SEEK_ON_DEVICE);
+      return 0;
+    }
+    if (end > limit) {
+      SetErrorCode(ERROR_DISK_FULL);
+      return 0;
+    }
+  }
+
+  // The record goes out in one write, so that a medium without room for it
+  // takes none of it.
+  std::vector<BYTE> record;
+  try {
+    record.reserve(static_cast<size_t>(headerSize));
+  } catch (const std::bad_alloc&) {
+    SetErrorCode(ERROR_OUTOFMEMORY);
+    return 0;
+  }
+  record.resize(kFixedPart);
+  BYTE* fixed = record.data();
+  const WIN32_FIND_DATAW& fd = entry.FindData;
+  PutLE32(fixed + kOffHeaderSize, static_cast<DWORD>(headerSize));
+  PutLE32(fixed + kOffCompressType, entry.CompressType);
+  PutLE32(fixed + kOffCrc, entry.Crc);
+  PutLE32(fixed + kOffAttributes, fd.dwFileAttributes);
+  PutLE64(fixed + kOffCreation, FromFileTime(fd.ftCreationTime));
+  PutLE64(fixed + kOffLastAccess, FromFileTime(fd.ftLastAccessTime));
+  PutLE64(fixed + kOffLastWrite, FromFileTime(fd.ftLastWriteTime));
+  PutLE32(fixed + kOffSizeLow, fd.nFileSizeLow);
+  PutLE32(fixed + kOffSizeHigh, fd.nFileSizeHigh);
+  PutLE64(fixed + kOffPackedSize, entry.PackedSize.GetValue());
+  PutLE64(fixed + kOffDataSize, entry.DataSize.GetValue());
+  AppendString(record, entry.Path.c_str(), pathLength);
+  AppendString(record, fd.cFileName, nameLength);
+  const size_t at = record.size();
+  record.resize(at + 4);
+  PutLE32(record.data() + at, blockLength);
+  if (blockLength != 0)
+    record.insert(record.end(), entry.Security->Data, entry.Security->Data + blockLength);
+
+  if (!WriteAll(file, record.data(), static_cast<DWORD>(record.size()))) {
+    SetErrorCode(LastErrorOr());
+    return 0;
+  }
+
+  std::uint64_t dataOffset = entryOffset;
+  const bool offsetFits = AddChecked(dataOffset, headerSize);
+  std::uint64_t recordEnd = dataOffset;
+  if (!offsetFits || !AddChecked(recordEnd, entry.DataSize.GetValue())) {
+    SetErrorCode(ERROR_SEEK_ON_DEVICE);
+    return 0;
+  }
+  entry.DataOffset = dataOffset;
+  // Cannot carry: it is at most recordEnd.
+  if (recordSize != nullptr) *recordSize = headerSize + entry.DataSize.GetValue();
+  if (recordEnd > m_Data->Header.ArchiveSize) {
+    m_Data->Header.ArchiveSize = recordEnd;
+    m_Data->Flags |= FlagHeaderDirty;
+  }
+  return 1;
+}
