@@ -275,9 +275,9 @@ BOOL CEncodeDecodeBase::Create(BYTE dicBits, WORD maxMatch) {
   HashMask = 0x1FFF;
   HashBits = 13;
   HashShift = 5;
-  // Node numbers, positions and the window end are 16-bit with bit 15 kept
-  // for flags, and levels are 8-bit: that bounds both parameters.
-  if (dicBits < 9 || dicBits > 14 || maxMatch <= MinMatch || maxMatch > 256) return FALSE;
+  // Node numbers, positions and links are 16-bit, with bit 15 of a position
+  // kept for a flag, and levels are 8-bit: that bounds both parameters.
+  if (dicBits < 9 || dicBits > 13 || maxMatch <= MinMatch || maxMatch > 256) return FALSE;
   const std::size_t n = DicSize;
   NodeBlock.reset(new (std::nothrow) BYTE[16 * n + 17408]());
   Text.reset(new (std::nothrow) BYTE[maxMatch + 2 * n]());
@@ -285,9 +285,10 @@ BOOL CEncodeDecodeBase::Create(BYTE dicBits, WORD maxMatch) {
     Destroy();
     return FALSE;
   }
+  // The node records, then the chain heads, then the node data.
   Nodes = reinterpret_cast<Node*>(NodeBlock.get());
-  NodeInfo = reinterpret_cast<NodeData*>(NodeBlock.get() + 12 * n);
-  HashHeads = reinterpret_cast<WORD*>(NodeBlock.get() + 16 * n + 1024);
+  HashHeads = reinterpret_cast<WORD*>(NodeBlock.get() + 12 * n);
+  NodeInfo = reinterpret_cast<NodeData*>(NodeBlock.get() + 12 * n + 2 * std::size_t{HashSize});
   return TRUE;
 }
 
@@ -345,6 +346,15 @@ BOOL CEncodeDecodeBase::DecodeFile(HANDLE destination, CFileBit* source, DWORD* 
   return result;
 }
 
+namespace {
+
+Links LinksOf(const CEncodeDecodeBase& engine) {
+  WORD* const words = reinterpret_cast<WORD*>(engine.NodeBlock.get());
+  return Links{words, static_cast<unsigned>(engine.HashHeads - words)};
+}
+
+} // namespace
+
 void CEncodeDecodeBase::InitTree() {
   const WORD n = DicSize;
   for (unsigned c = 0; c < 256; ++c) {
@@ -361,8 +371,17 @@ void CEncodeDecodeBase::InitTree() {
 }
 
 void CEncodeDecodeBase::UpdateDictionary() {
-  Tree t{Nodes,    NodeInfo, HashHeads, Text.get(), DicSize, MaxMatch,
-         MinMatch, Pos,      MatchPos,  MatchLen,   Avail};
+  Tree<AnyShape> t;
+  t.n = DicSize;
+  t.maxMatch = MaxMatch;
+  t.minMatch = MinMatch;
+  t.links = LinksOf(*this);
+  t.info = NodeInfo;
+  t.text = Text.get();
+  t.pos = Pos;
+  t.matchPos = MatchPos;
+  t.matchLen = MatchLen;
+  t.avail = Avail;
   UpdateTree(t);
   MatchPos = static_cast<WORD>(t.matchPos);
   MatchLen = static_cast<WORD>(t.matchLen);
@@ -371,20 +390,28 @@ void CEncodeDecodeBase::UpdateDictionary() {
 
 // ---- Compression -----------------------------------------------------------------------
 
-template <class Coder>
+template <class Coder, class Shape>
 BOOL CEncodeDecodeBase::EncodeLoop(Coder& coder, CFileIO* source, CFileBit* destination,
-                                   DWORD* error) {
+                                   DWORD* error, Shape shape) {
   DWORD e = error != nullptr ? *error : 0;
-  const unsigned n = DicSize;
-  const unsigned maxMatch = MaxMatch;
-  const unsigned minMatch = MinMatch;
-  const unsigned dicMask = DicMask;
+  const unsigned n = shape.n;
+  const unsigned maxMatch = shape.maxMatch;
+  const unsigned minMatch = shape.minMatch;
+  const unsigned dicMask = n - 1;
   BYTE* const text = Text.get();
   Aborted = 0;
   TextEnd = static_cast<WORD>(2 * n);
   const unsigned textEnd = TextEnd;
   InitTree();
-  Tree t{Nodes, NodeInfo, HashHeads, text, n, maxMatch, minMatch, n + maxMatch, 0, 0, Avail};
+  Tree<Shape> t;
+  static_cast<Shape&>(t) = shape;
+  t.links = Links{reinterpret_cast<WORD*>(NodeBlock.get()), 6 * n};
+  t.info = NodeInfo;
+  t.text = text;
+  t.pos = n + maxMatch;
+  t.matchPos = 0;
+  t.matchLen = 0;
+  t.avail = Avail;
   std::memset(text + t.pos, 0x20, n);
 
   unsigned remainder = 0;
@@ -475,10 +502,13 @@ BOOL CEncodeDecodeBase::Encode(CFileIO* source, CFileBit* destination, DWORD* er
   if (typeid(*this) == typeid(CEncodeDecode1) && typeid(*destination) == typeid(CFileBit) &&
       destination->Buffer && destination->ReadBitCount == 0 && destination->ReadFill == 0) {
     FormatOneCoder coder{this, destination, DicBits, DicMask};
-    return EncodeLoop(coder, source, destination, error);
+    if (DicSize == DriverShape::n && MaxMatch == DriverShape::maxMatch &&
+        MinMatch == DriverShape::minMatch)
+      return EncodeLoop(coder, source, destination, error, DriverShape{});
+    return EncodeLoop(coder, source, destination, error, AnyShape{DicSize, MaxMatch, MinMatch});
   }
   VirtualCoder coder{this, destination};
-  return EncodeLoop(coder, source, destination, error);
+  return EncodeLoop(coder, source, destination, error, AnyShape{DicSize, MaxMatch, MinMatch});
 }
 
 // ---- Expansion ---------------------------------------------------------------------------

@@ -145,8 +145,8 @@ private:
   void InitTree();
   void Notify(DWORD count, bool compressing);
 
-  template <class Coder>
-  BOOL EncodeLoop(Coder& coder, CFileIO* source, CFileBit* destination, DWORD* error);
+  template <class Coder, class Shape>
+  BOOL EncodeLoop(Coder& coder, CFileIO* source, CFileBit* destination, DWORD* error, Shape shape);
   template <class Coder>
   int DecodeLoop(Coder& coder, CFileIO* destination, CFileBit* source, DWORD& e);
   friend struct VirtualCoder;

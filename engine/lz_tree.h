@@ -5,8 +5,7 @@
 // the root of all strings that begin with byte c, and N to 2N-1 the leaves,
 // numbered by the window position of their string (text index t and leaf
 // t | N name the same position). Children hang in doubly linked hash chains
-// keyed by (first byte of the edge, parent); the first node of a chain has
-// the chain number with bit 15 set as its Prev.
+// keyed by (first byte of the edge, parent).
 //
 // The update works on a copy of the engine's state in local variables (the
 // Tree below), so that the compression loop keeps it in registers; the
@@ -36,7 +35,6 @@ using Node = CEncodeDecodeBase::Node;
 using NodeData = CEncodeDecodeBase::NodeData;
 
 constexpr WORD NIL = 0;
-constexpr WORD ChainHeadFlag = 0x8000; // a Prev value naming a chain head
 constexpr WORD PercolateFlag = 0x8000; // a Position still to be pushed upwards
 
 inline std::uint64_t LoadNative64(const BYTE* p) {
@@ -45,41 +43,49 @@ inline std::uint64_t LoadNative64(const BYTE* p) {
   return v;
 }
 
-// The link that points at a node from before: the chain head when its Prev
-// carries the head flag, else the Next of the node before it. Chosen without
-// a branch, since which one it is cannot be predicted.
-TALVERN_ALWAYS_INLINE WORD* LinkTo(Node* nodes, WORD* heads, WORD prev) {
-  const auto head = reinterpret_cast<std::uintptr_t>(&heads[prev & 0x7FFF]);
-  const auto next = reinterpret_cast<std::uintptr_t>(&nodes[prev & 0x7FFF].Next);
-  const std::uintptr_t isHead = std::uintptr_t{0} - (prev >> 15);
-  return reinterpret_cast<WORD*>((head & isHead) | (next & ~isHead));
-}
+// The node records and the chain heads, which lie one after the other in
+// the node block, seen as one array of 16-bit words: node x at 3x (parent,
+// prev, next), chain head h at heads + h. A node's prev is the offset in
+// this array of the link that points at it: the next of the node before it,
+// or its chain's head. So taking a node out of its chain needs no test.
+struct Links {
+  WORD* w;
+  unsigned heads;
 
-TALVERN_ALWAYS_INLINE void Unlink(Node* nodes, WORD* heads, unsigned x) {
-  const WORD p = nodes[x].Prev;
-  const WORD s = nodes[x].Next;
-  *LinkTo(nodes, heads, p) = s;
-  nodes[s].Prev = p;
+  WORD& Parent(unsigned x) const { return w[3 * x]; }
+  WORD& Prev(unsigned x) const { return w[3 * x + 1]; }
+  WORD& Next(unsigned x) const { return w[3 * x + 2]; }
+  WORD& Head(unsigned h) const { return w[heads + h]; }
+  WORD& At(unsigned link) const { return w[link]; }
+  static unsigned NextLink(unsigned x) { return 3 * x + 2; }
+  unsigned HeadLink(unsigned h) const { return heads + h; }
+};
+
+TALVERN_ALWAYS_INLINE void Unlink(const Links& l, unsigned x) {
+  const WORD p = l.Prev(x);
+  const WORD s = l.Next(x);
+  l.At(p) = s;
+  l.Prev(s) = p;
 }
 
 // y takes x's place in x's chain.
-TALVERN_ALWAYS_INLINE void TakePlace(Node* nodes, WORD* heads, unsigned x, unsigned y) {
-  const WORD p = nodes[x].Prev;
-  *LinkTo(nodes, heads, p) = static_cast<WORD>(y);
-  nodes[y].Prev = p;
-  const WORD s = nodes[x].Next;
-  nodes[s].Prev = static_cast<WORD>(y);
-  nodes[y].Next = s;
+TALVERN_ALWAYS_INLINE void TakePlace(const Links& l, unsigned x, unsigned y) {
+  const WORD p = l.Prev(x);
+  l.At(p) = static_cast<WORD>(y);
+  l.Prev(y) = p;
+  const WORD s = l.Next(x);
+  l.Prev(s) = static_cast<WORD>(Links::NextLink(y));
+  l.Next(y) = s;
 }
 
-TALVERN_ALWAYS_INLINE void AddChild(Node* nodes, WORD* heads, unsigned x, unsigned parent,
-                                    unsigned h) {
-  nodes[x].Parent = static_cast<WORD>(parent);
-  const WORD f = heads[h];
-  heads[h] = static_cast<WORD>(x);
-  nodes[x].Next = f;
-  nodes[x].Prev = static_cast<WORD>(h | ChainHeadFlag);
-  nodes[f].Prev = static_cast<WORD>(x);
+TALVERN_ALWAYS_INLINE void AddChild(const Links& l, unsigned x, unsigned parent, unsigned h) {
+  l.Parent(x) = static_cast<WORD>(parent);
+  const unsigned link = l.HeadLink(h);
+  const WORD f = l.At(link);
+  l.At(link) = static_cast<WORD>(x);
+  l.Next(x) = f;
+  l.Prev(x) = static_cast<WORD>(link);
+  l.Prev(f) = static_cast<WORD>(Links::NextLink(x));
 }
 
 // The chain of the child of `parent` whose edge begins with byte c. Any
@@ -90,16 +96,25 @@ TALVERN_ALWAYS_INLINE unsigned ChildChain(unsigned parent, unsigned c) {
   return (((parent * 0x9E3779B1u) >> 19) + c) & (CEncodeDecodeBase::ChainCount - 1);
 }
 
+// The engine's parameters: known while compiling for the drivers' own
+// (8192, 256, 3), which frees registers in the loop, or held as values.
+struct DriverShape {
+  static constexpr unsigned n = 8192;       // DicSize
+  static constexpr unsigned maxMatch = 256; // MaxMatch
+  static constexpr unsigned minMatch = 3;   // MinMatch
+};
+struct AnyShape {
+  unsigned n;
+  unsigned maxMatch;
+  unsigned minMatch;
+};
+
 // The engine's tree and search state while one position is entered.
-struct Tree {
-  Node* nodes;
+template <class Shape> struct Tree : Shape {
+  Links links;
   NodeData* info;
-  WORD* heads;
   const BYTE* text;
-  unsigned n;        // DicSize
-  unsigned maxMatch; // MaxMatch
-  unsigned minMatch; // MinMatch
-  unsigned pos;      // Pos, which is also TextPos
+  unsigned pos; // Pos, which is also TextPos
   unsigned matchPos;
   unsigned matchLen;
   unsigned avail;
@@ -109,7 +124,7 @@ struct Tree {
 // the free list (its new head is returned) and the child takes its place,
 // after the parent's recent position has been carried up through the
 // ancestors still waiting for it.
-TALVERN_NOINLINE inline unsigned MergeParent(Node* nodes, NodeData* info, WORD* heads, unsigned n,
+TALVERN_NOINLINE inline unsigned MergeParent(const Links l, NodeData* info, unsigned n,
                                              unsigned pos, unsigned avail, unsigned r) {
   // Positions at or after the current one belong to the previous lap of the
   // window: one window length further back.
@@ -117,13 +132,13 @@ TALVERN_NOINLINE inline unsigned MergeParent(Node* nodes, NodeData* info, WORD* 
 
   const unsigned leaf = info[r].Position & 0x7FFFu;
   unsigned s = adjust(leaf);
-  unsigned q = nodes[r].Parent;
+  unsigned q = l.Parent(r);
   unsigned u = info[q].Position;
   while (u & PercolateFlag) {
     u = adjust(u & 0x7FFFu);
     if (u > s) s = u;
     info[q].Position = static_cast<WORD>(s | n);
-    q = nodes[q].Parent;
+    q = l.Parent(q);
     u = info[q].Position;
   }
   if (q < n) {
@@ -133,35 +148,34 @@ TALVERN_NOINLINE inline unsigned MergeParent(Node* nodes, NodeData* info, WORD* 
   }
 
   unsigned x = leaf;
-  while (nodes[x].Parent == NIL) x = nodes[x].Next; // follow forwarding links
-  while (nodes[x].Parent != r) x = nodes[x].Parent;
+  while (l.Parent(x) == NIL) x = l.Next(x); // follow forwarding links
+  while (l.Parent(x) != r) x = l.Parent(x);
   const unsigned c = x;
-  Unlink(nodes, heads, c);
-  TakePlace(nodes, heads, r, c);
-  nodes[c].Parent = nodes[r].Parent;
-  nodes[r].Parent = NIL;
-  nodes[r].Next = static_cast<WORD>(avail);
+  Unlink(l, c);
+  TakePlace(l, r, c);
+  l.Parent(c) = l.Parent(r);
+  l.Parent(r) = NIL;
+  l.Next(r) = static_cast<WORD>(avail);
   return r;
 }
 
 // Removes the oldest string (leaf pos) and enters the one at pos, leaving
 // the longest match for it in matchLen and matchPos.
-TALVERN_ALWAYS_INLINE void UpdateTree(Tree& t) {
-  Node* const nodes = t.nodes;
+template <class Shape> TALVERN_ALWAYS_INLINE void UpdateTree(Tree<Shape>& t) {
+  const Links l = t.links;
   NodeData* const info = t.info;
-  WORD* const heads = t.heads;
   const BYTE* const text = t.text;
   const unsigned n = t.n;
   const unsigned pos = t.pos;
 
   // Removal of the oldest string.
-  if (nodes[pos].Parent != NIL) {
-    Unlink(nodes, heads, pos);
-    const unsigned r = nodes[pos].Parent;
-    nodes[pos].Parent = NIL;
+  if (l.Parent(pos) != NIL) {
+    Unlink(l, pos);
+    const unsigned r = l.Parent(pos);
+    l.Parent(pos) = NIL;
     const unsigned count = static_cast<BYTE>(info[r].ChildCount - 1);
     info[r].ChildCount = static_cast<BYTE>(count);
-    if (r < n && count < 2) t.avail = MergeParent(nodes, info, heads, n, pos, t.avail, r);
+    if (r < n && count < 2) t.avail = MergeParent(l, info, n, pos, t.avail, r);
   }
 
   // Insertion.
@@ -179,19 +193,19 @@ TALVERN_ALWAYS_INLINE void UpdateTree(Tree& t) {
     // at the node of its successor string instead of at the root.
     len = t.matchLen - 1;
     r = (matchPos + 1) | n;
-    q = nodes[r].Parent;
+    q = l.Parent(r);
     while (q == NIL) { // a leaf replaced by a newer equal string: follow it
-      r = nodes[r].Next;
-      q = nodes[r].Parent;
+      r = l.Next(r);
+      q = l.Parent(r);
     }
     while (len <= info[q].Level) {
       r = q;
-      q = nodes[q].Parent;
+      q = l.Parent(q);
     }
     unsigned x = q;
     while (info[x].Position & PercolateFlag) {
       info[x].Position = static_cast<WORD>(pos);
-      x = nodes[x].Parent;
+      x = l.Parent(x);
     }
     if (x < n) info[x].Position = static_cast<WORD>(pos | PercolateFlag);
     lookup = false;
@@ -201,18 +215,18 @@ TALVERN_ALWAYS_INLINE void UpdateTree(Tree& t) {
   for (;;) {
     if (lookup) {
       const unsigned h = ChildChain(q, here[len]);
-      nodes[NIL].Parent = static_cast<WORD>(q); // sentinel: the walk ends at NIL at the latest
-      r = heads[h];
+      l.Parent(NIL) = static_cast<WORD>(q); // sentinel: the walk ends at NIL at the latest
+      r = l.Head(h);
       // Most searches end within the first three nodes of the chain: step
       // along without a branch while the node is not the one sought.
       for (int k = 0; k < 2; ++k) {
-        const unsigned next = nodes[r].Next;
-        const unsigned stay = 0u - static_cast<unsigned>(nodes[r].Parent == q);
+        const unsigned next = l.Next(r);
+        const unsigned stay = 0u - static_cast<unsigned>(l.Parent(r) == q);
         r = next ^ ((r ^ next) & stay);
       }
-      while (nodes[r].Parent != q) r = nodes[r].Next;
+      while (l.Parent(r) != q) r = l.Next(r);
       if (r == NIL) {
-        AddChild(nodes, heads, pos, q, h);
+        AddChild(l, pos, q, h);
         ++info[q].ChildCount;
         break;
       }
@@ -261,23 +275,23 @@ TALVERN_ALWAYS_INLINE void UpdateTree(Tree& t) {
     if (differs) {
       // Split the edge into r at depth len.
       const unsigned fresh = t.avail;
-      t.avail = nodes[fresh].Next;
+      t.avail = l.Next(fresh);
       info[fresh].Position = static_cast<WORD>(pos);
       info[fresh].Level = static_cast<BYTE>(len);
       info[fresh].ChildCount = 2;
-      nodes[fresh].Parent = static_cast<WORD>(q);
-      TakePlace(nodes, heads, r, fresh);
-      AddChild(nodes, heads, r, fresh, ChildChain(fresh, text[m + len]));
-      AddChild(nodes, heads, pos, fresh, ChildChain(fresh, here[len]));
+      l.Parent(fresh) = static_cast<WORD>(q);
+      TakePlace(l, r, fresh);
+      AddChild(l, r, fresh, ChildChain(fresh, text[m + len]));
+      AddChild(l, pos, fresh, ChildChain(fresh, here[len]));
       break;
     }
     if (len == t.maxMatch) {
       // The same longest string again: the new leaf replaces the old one,
       // which keeps a forwarding link to it.
-      TakePlace(nodes, heads, r, pos);
-      nodes[pos].Parent = static_cast<WORD>(q);
-      nodes[r].Parent = NIL;
-      nodes[r].Next = static_cast<WORD>(pos);
+      TakePlace(l, r, pos);
+      l.Parent(pos) = static_cast<WORD>(q);
+      l.Parent(r) = NIL;
+      l.Next(r) = static_cast<WORD>(pos);
       break;
     }
     info[r].Position = static_cast<WORD>(pos);
