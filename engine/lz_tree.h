@@ -88,6 +88,14 @@ TALVERN_ALWAYS_INLINE void AddChild(const Links& l, unsigned x, unsigned parent,
   l.Prev(f) = static_cast<WORD>(Links::NextLink(x));
 }
 
+// r when it is a child of q, else the node after it in its chain, without a
+// branch.
+TALVERN_ALWAYS_INLINE unsigned StayOrNext(const Links& l, unsigned r, unsigned q) {
+  const unsigned next = l.Next(r);
+  const unsigned stay = 0u - static_cast<unsigned>(l.Parent(r) == q);
+  return next ^ ((r ^ next) & stay);
+}
+
 // The chain of the child of `parent` whose edge begins with byte c. Any
 // function that keeps the children of one node apart (here: distinct c give
 // distinct chains) finds the same nodes; this one spreads the parents over
@@ -124,8 +132,10 @@ template <class Shape> struct Tree : Shape {
 // the free list (its new head is returned) and the child takes its place,
 // after the parent's recent position has been carried up through the
 // ancestors still waiting for it.
-TALVERN_NOINLINE inline unsigned MergeParent(const Links l, NodeData* info, unsigned n,
-                                             unsigned pos, unsigned avail, unsigned r) {
+template <class Shape>
+TALVERN_NOINLINE unsigned MergeParent(const Links l, NodeData* info, const Shape shape,
+                                      unsigned pos, unsigned avail, unsigned r) {
+  const unsigned n = shape.n;
   // Positions at or after the current one belong to the previous lap of the
   // window: one window length further back.
   const auto adjust = [n, pos](unsigned u) { return u >= pos ? u - n : u; };
@@ -175,7 +185,8 @@ template <class Shape> TALVERN_ALWAYS_INLINE void UpdateTree(Tree<Shape>& t) {
     l.Parent(pos) = NIL;
     const unsigned count = static_cast<BYTE>(info[r].ChildCount - 1);
     info[r].ChildCount = static_cast<BYTE>(count);
-    if (r < n && count < 2) t.avail = MergeParent(l, info, n, pos, t.avail, r);
+    if (r < n && count < 2)
+      t.avail = MergeParent(l, info, static_cast<const Shape&>(t), pos, t.avail, r);
   }
 
   // Insertion.
@@ -219,11 +230,8 @@ template <class Shape> TALVERN_ALWAYS_INLINE void UpdateTree(Tree<Shape>& t) {
       r = l.Head(h);
       // Most searches end within the first three nodes of the chain: step
       // along without a branch while the node is not the one sought.
-      for (int k = 0; k < 2; ++k) {
-        const unsigned next = l.Next(r);
-        const unsigned stay = 0u - static_cast<unsigned>(l.Parent(r) == q);
-        r = next ^ ((r ^ next) & stay);
-      }
+      r = StayOrNext(l, r, q);
+      r = StayOrNext(l, r, q);
       while (l.Parent(r) != q) r = l.Next(r);
       if (r == NIL) {
         AddChild(l, pos, q, h);
