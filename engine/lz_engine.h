@@ -47,7 +47,7 @@ public:
   // Frees the arrays, then gives the host one last progress call.
   virtual ~CEncodeDecodeBase();
 
-  // Sets the dictionary size (2^bits, bits 9 to 14) and the longest match
+  // Sets the dictionary size (2^bits, bits 9 to 13) and the longest match
   // (MinMatch + 1 to 256) and allocates the two arrays. FALSE when the
   // parameters are out of range or memory is short; IsCreated says which.
   virtual BOOL Create(BYTE dicBits, WORD maxMatch);
@@ -86,7 +86,8 @@ public:
   static constexpr unsigned ChainCount = 8192;
 
   // One node of the tree in Nodes: its parent and its neighbours in its
-  // hash chain. Node numbers are 16-bit; 0 is NIL.
+  // hash chain. Node numbers are 16-bit; 0 is NIL. Prev says where the link
+  // that points at the node lies (lz_tree.h tells how).
   struct Node {
     WORD Parent;
     WORD Prev;
@@ -100,7 +101,7 @@ public:
     WORD Position;
   };
 
-  std::unique_ptr<BYTE[]> NodeBlock; // Nodes, NodeInfo and HashHeads, in that order
+  std::unique_ptr<BYTE[]> NodeBlock; // Nodes, HashHeads and NodeInfo, in that order
   std::unique_ptr<BYTE[]> Text;      // the window: 2N + MaxMatch bytes
   Node* Nodes = nullptr;             // 2N records
   NodeData* NodeInfo = nullptr;      // N + 256 records
@@ -119,6 +120,9 @@ public:
   WORD DicSize = 0;
   WORD DicMask = 0;
   BYTE DicBits = 0;
+  // The chains: 8192 of them (mask 0x1FFF, 13 bits). HashShift is the
+  // classic spacing of a parent's chains; the chain function in lz_tree.h
+  // spreads parents further apart, which gives the same tree.
   WORD HashSize = 0;
   WORD HashMask = 0;
   BYTE HashBits = 0;
