@@ -138,7 +138,7 @@ TALVERN_NOINLINE unsigned MergeParent(const Links l, NodeData* info, const Shape
   const unsigned n = shape.n;
   // Positions at or after the current one belong to the previous lap of the
   // window: one window length further back.
-  const auto adjust = [n, pos](unsigned u) { return u >= pos ? u - n : u; };
+  const auto adjust = [&](unsigned u) { return u >= pos ? u - n : u; };
 
   const unsigned leaf = info[r].Position & 0x7FFFu;
   unsigned s = adjust(leaf);
