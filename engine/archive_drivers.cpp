@@ -107,6 +107,64 @@ std::uint64_t OriginalSize(const CArchiveEntry& entry) {
          entry.FindData.nFileSizeLow;
 }
 
+// What the progress hook hears besides the count.
+struct HookContext {
+  CArchiveFile* host;
+  const WCHAR* arg1;
+  const WCHAR* arg2;
+  const WCHAR* arg3;
+  const CArchiveEntry* entry;
+  const CArchiveSize* size;
+};
+
+// A method-1 engine with the drivers' parameters, reporting to the host's
+// CompressNotify (compressing) or ExpandNotify with `count` as the running
+// byte count. The host hears of the start at once (its answer counts only
+// from the first transfer on).
+void PrepareEngine(CEncodeDecode1& engine, const HookContext& hook, CArchiveSize& count,
+                   DWORD compressing) {
+  engine.Create(talvern::engine::DriverDicBits, talvern::engine::DriverMaxMatch);
+  engine.Host = hook.host;
+  engine.NotifyArg1 = hook.arg1;
+  engine.NotifyArg2 = hook.arg2;
+  engine.NotifyArg3 = hook.arg3;
+  engine.NotifyEntry = hook.entry;
+  engine.NotifySize = hook.size;
+  engine.NotifyCount = &count;
+  engine.Compressing = compressing;
+  engine.ReadNotify(0);
+  engine.WriteNotify(0);
+}
+
+// Opens the files, runs the method (formatOne for method 1) and closes the
+// files; true when all of it succeeded and the bytes counted match the
+// entry's original size (else 29).
+template <class FormatOne>
+bool RunDriver(DWORD& error, const CArchiveEntry& entry, const WCHAR* target, const WCHAR* source,
+               DWORD method, DWORD& sum, FormatOne formatOne) {
+  DriverFiles files;
+  CArchiveSize count(0);
+  bool ok = files.Open(error, target, source);
+  if (ok) {
+    if (method == talvern::engine::MethodFormat1) {
+      ok = formatOne(files, count);
+    } else if (method == talvern::engine::MethodStored) {
+      ok = CopyStored(error, files, sum, count);
+    } else {
+      error = ERROR_INVALID_DATATYPE;
+      ok = false;
+    }
+  }
+  if (!files.Close(error, ok)) return false;
+  if (count.GetValue() != OriginalSize(entry)) {
+    // More or fewer bytes than the entry holds: the source changed size
+    // since it was examined, or the stored data is damaged.
+    error = ERROR_WRITE_FAULT;
+    return false;
+  }
+  return true;
+}
+
 } // namespace
 
 DWORD CArchiveFile::GetCompressType(DWORD requested) const {
@@ -128,50 +186,27 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
                                const WCHAR* arg3, const CArchiveEntry& entry,
                                const CArchiveSize& size, const WCHAR* target, const WCHAR* source,
                                DWORD method, DWORD& crc) {
-  DriverFiles files;
-  bool ok = files.Open(error, target, source);
+  const HookContext hook{this, arg1, arg2, arg3, &entry, &size};
   DWORD sum = 0;
-  CArchiveSize count(0);
-  if (ok) {
-    if (method == talvern::engine::MethodFormat1) {
-      CEncodeDecode1 engine;
-      engine.Create(talvern::engine::DriverDicBits, talvern::engine::DriverMaxMatch);
-      engine.Host = this;
-      engine.NotifyArg1 = arg1;
-      engine.NotifyArg2 = arg2;
-      engine.NotifyArg3 = arg3;
-      engine.NotifyEntry = &entry;
-      engine.NotifySize = &size;
-      engine.NotifyCount = &count;
-      engine.Compressing = 1;
-      // The host hears of the start (its answer counts from the first read).
-      engine.ReadNotify(0);
-      engine.WriteNotify(0);
-      CFileBit bits;
-      bits.SetFile(files.Target());
-      if (!bits.Allocate()) {
-        error = ERROR_OUTOFMEMORY;
-        ok = false;
-      } else {
-        const CArchiveSize limit(files.SourceSize());
-        CFileNotifyCRC stream(files.Source(), &limit);
-        stream.Target = &engine;
-        ok = engine.Encode(&stream, &bits, &error) != FALSE;
-        sum = stream.Crc;
-        bits.Finish();
-      }
-    } else if (method == talvern::engine::MethodStored) {
-      ok = CopyStored(error, files, sum, count);
-    } else {
-      error = ERROR_INVALID_DATATYPE;
-      ok = false;
-    }
-  }
-  if (!files.Close(error, ok)) return FALSE;
-  if (count.GetValue() != OriginalSize(entry)) {
-    error = ERROR_WRITE_FAULT; // the source changed size since it was examined
-    return FALSE;
-  }
+  const bool ok = RunDriver(error, entry, target, source, method, sum,
+                            [&](const DriverFiles& files, CArchiveSize& count) {
+                              CEncodeDecode1 engine;
+                              PrepareEngine(engine, hook, count, 1);
+                              CFileBit bits;
+                              bits.SetFile(files.Target());
+                              if (!bits.Allocate()) {
+                                error = ERROR_OUTOFMEMORY;
+                                return false;
+                              }
+                              const CArchiveSize limit(files.SourceSize());
+                              CFileNotifyCRC stream(files.Source(), &limit);
+                              stream.Target = &engine;
+                              const BOOL done = engine.Encode(&stream, &bits, &error);
+                              sum = stream.Crc;
+                              bits.Finish();
+                              return done != FALSE;
+                            });
+  if (!ok) return FALSE;
   crc = sum;
   return TRUE;
 }
@@ -179,48 +214,26 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
 int CArchiveFile::ExecExpand(DWORD& error, const WCHAR* arg1, const WCHAR* arg2, const WCHAR* arg3,
                              const CArchiveEntry& entry, const CArchiveSize& size,
                              const WCHAR* target, const WCHAR* source, DWORD method, DWORD crc) {
-  DriverFiles files;
-  bool ok = files.Open(error, target, source);
+  const HookContext hook{this, arg1, arg2, arg3, &entry, &size};
   DWORD sum = 0;
-  CArchiveSize count(0);
-  if (ok) {
-    if (method == talvern::engine::MethodFormat1) {
-      CEncodeDecode1 engine;
-      engine.Create(talvern::engine::DriverDicBits, talvern::engine::DriverMaxMatch);
-      engine.Host = this;
-      engine.NotifyArg1 = arg1;
-      engine.NotifyArg2 = arg2;
-      engine.NotifyArg3 = arg3;
-      engine.NotifyEntry = &entry;
-      engine.NotifySize = &size;
-      engine.NotifyCount = &count;
-      engine.Compressing = 0;
-      engine.ReadNotify(0);
-      engine.WriteNotify(0);
-      CFileBit bits;
-      bits.SetFile(files.Source(), files.SourceSize());
-      if (!bits.Allocate()) {
-        error = ERROR_OUTOFMEMORY;
-        ok = false;
-      } else {
-        CFileNotifyCRC stream(files.Target(), nullptr);
-        stream.Target = &engine;
-        ok = engine.Decode(&stream, &bits, &error) != FALSE;
-        sum = stream.Crc;
-        bits.Finish();
-      }
-    } else if (method == talvern::engine::MethodStored) {
-      ok = CopyStored(error, files, sum, count);
-    } else {
-      error = ERROR_INVALID_DATATYPE;
-      ok = false;
-    }
-  }
-  if (!files.Close(error, ok)) return FALSE;
-  if (count.GetValue() != OriginalSize(entry)) {
-    error = ERROR_WRITE_FAULT; // more or fewer bytes than the entry holds
-    return FALSE;
-  }
+  const bool ok = RunDriver(error, entry, target, source, method, sum,
+                            [&](const DriverFiles& files, CArchiveSize& count) {
+                              CEncodeDecode1 engine;
+                              PrepareEngine(engine, hook, count, 0);
+                              CFileBit bits;
+                              bits.SetFile(files.Source(), files.SourceSize());
+                              if (!bits.Allocate()) {
+                                error = ERROR_OUTOFMEMORY;
+                                return false;
+                              }
+                              CFileNotifyCRC stream(files.Target(), nullptr);
+                              stream.Target = &engine;
+                              const BOOL done = engine.Decode(&stream, &bits, &error);
+                              sum = stream.Crc;
+                              bits.Finish();
+                              return done != FALSE;
+                            });
+  if (!ok) return FALSE;
   if (sum != crc) {
     error = ERROR_CRC;
     return FALSE;

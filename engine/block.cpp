@@ -42,6 +42,37 @@ void BlockHeader::Load(const BYTE* in) {
   CompressedSize = GetLe32(in + 12);
 }
 
+namespace {
+
+// A destination block, or a counting sink when there is none.
+void SetDestination(CFileIO& stream, BYTE* destination, DWORD capacity) {
+  if (destination != nullptr)
+    stream.SetMemory(destination, capacity);
+  else
+    stream.SetNull(capacity);
+}
+
+// Method 0: the CRC and count of the bytes copied from `in` to `out`.
+bool CopyBlock(DWORD& error, CFileCRC& in, CFileIO& out, DWORD& crc, std::uint64_t& produced) {
+  BYTE piece[BlockCopyPiece];
+  if (!CopyStream(in, out, piece, BlockCopyPiece, error)) return false;
+  crc = in.Crc;
+  produced = out.Position.GetValue();
+  return true;
+}
+
+// Method 1: an engine with the drivers' parameters and the bit stream's
+// buffer (whose byte side the caller has set up).
+bool PrepareEngine(DWORD& error, CEncodeDecode1& engine, CFileBit& bits) {
+  if (!engine.Create(DriverDicBits, DriverMaxMatch) || !bits.Allocate()) {
+    error = ERROR_OUTOFMEMORY;
+    return false;
+  }
+  return true;
+}
+
+} // namespace
+
 BOOL CompressBlock(DWORD& error, const BYTE* source, DWORD sourceSize, BlockHeader& header,
                    BYTE* destination, DWORD capacity) {
   DWORD crc = 0;
@@ -51,30 +82,14 @@ BOOL CompressBlock(DWORD& error, const BYTE* source, DWORD sourceSize, BlockHead
     CFileCRC in;
     in.SetMemory(source, sourceSize);
     CFileIO out;
-    if (destination != nullptr)
-      out.SetMemory(destination, capacity);
-    else
-      out.SetNull(capacity);
-    BYTE piece[BlockCopyPiece];
-    if (!CopyStream(in, out, piece, BlockCopyPiece, error)) return FALSE;
-    crc = in.Crc;
-    produced = out.Position.GetValue();
+    SetDestination(out, destination, capacity);
+    if (!CopyBlock(error, in, out, crc, produced)) return FALSE;
     cut = out.IsShort();
   } else if (header.CompressType == MethodFormat1) {
     CEncodeDecode1 engine;
-    if (!engine.Create(DriverDicBits, DriverMaxMatch)) {
-      error = ERROR_OUTOFMEMORY;
-      return FALSE;
-    }
     CFileBit out;
-    if (destination != nullptr)
-      out.SetMemory(destination, capacity);
-    else
-      out.SetNull(capacity);
-    if (!out.Allocate()) {
-      error = ERROR_OUTOFMEMORY;
-      return FALSE;
-    }
+    SetDestination(out, destination, capacity);
+    if (!PrepareEngine(error, engine, out)) return FALSE;
     const CArchiveSize limit(sourceSize);
     CFileNotifyCRC in(source, &limit);
     const BOOL ok = engine.Encode(&in, &out, &error);
@@ -109,22 +124,12 @@ BOOL ExpandBlock(DWORD& error, const BlockHeader& header, const BYTE* data, BYTE
     in.SetMemory(data, header.CompressedSize);
     CFileIO out;
     out.SetMemory(destination, header.OriginalSize);
-    BYTE piece[BlockCopyPiece];
-    if (!CopyStream(in, out, piece, BlockCopyPiece, error)) return FALSE;
-    crc = in.Crc;
-    produced = out.Position.GetValue();
+    if (!CopyBlock(error, in, out, crc, produced)) return FALSE;
   } else if (header.CompressType == MethodFormat1) {
     CEncodeDecode1 engine;
-    if (!engine.Create(DriverDicBits, DriverMaxMatch)) {
-      error = ERROR_OUTOFMEMORY;
-      return FALSE;
-    }
     CFileBit in;
     in.SetMemory(data, header.CompressedSize);
-    if (!in.Allocate()) {
-      error = ERROR_OUTOFMEMORY;
-      return FALSE;
-    }
+    if (!PrepareEngine(error, engine, in)) return FALSE;
     const CArchiveSize limit(header.OriginalSize);
     CFileNotifyCRC out(destination, &limit);
     const BOOL ok = engine.Decode(&out, &in, &error);

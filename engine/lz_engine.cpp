@@ -388,6 +388,26 @@ void CEncodeDecodeBase::UpdateDictionary() {
   Avail = static_cast<WORD>(t.avail);
 }
 
+// The result of a loop that ran to its end: the end operation's failure
+// (with the code it stored), else the destination's latched error, else an
+// abort (1223). The error value is stored on every path; on success it is
+// the one the caller gave.
+BOOL CEncodeDecodeBase::Conclude(bool endOk, const CFileIO* destination, DWORD e,
+                                 DWORD* error) const {
+  BOOL result = FALSE;
+  if (!endOk) {
+    result = FALSE;
+  } else if (destination->HasError()) {
+    e = destination->Error;
+  } else if (IsAborted()) {
+    e = ERROR_CANCELLED;
+  } else {
+    result = TRUE;
+  }
+  if (error != nullptr) *error = e;
+  return result;
+}
+
 // ---- Compression -----------------------------------------------------------------------
 
 template <class Coder, class Shape>
@@ -480,18 +500,7 @@ BOOL CEncodeDecodeBase::EncodeLoop(Coder& coder, CFileIO* source, CFileBit* dest
   }
   const bool ok = coder.End(e);
   destination->Flush();
-  BOOL result = FALSE;
-  if (!ok) {
-    result = FALSE;
-  } else if (destination->HasError()) {
-    e = destination->Error;
-  } else if (IsAborted()) {
-    e = ERROR_CANCELLED;
-  } else {
-    result = TRUE;
-  }
-  if (error != nullptr) *error = e;
-  return result;
+  return Conclude(ok, destination, e, error);
 }
 
 BOOL CEncodeDecodeBase::Encode(CFileIO* source, CFileBit* destination, DWORD* error) {
@@ -574,16 +583,6 @@ BOOL CEncodeDecodeBase::Decode(CFileIO* destination, CFileBit* source, DWORD* er
     if (error != nullptr) *error = e;
     return FALSE;
   }
-  BOOL result = FALSE;
-  if (!DecodeEnd(source, &e)) {
-    result = FALSE;
-  } else if (destination->HasError()) {
-    e = destination->Error;
-  } else if (IsAborted()) {
-    e = ERROR_CANCELLED;
-  } else {
-    result = TRUE;
-  }
-  if (error != nullptr) *error = e;
-  return result;
+  const bool ok = DecodeEnd(source, &e) != FALSE;
+  return Conclude(ok, destination, e, error);
 }

@@ -148,6 +148,7 @@ protected:
 private:
   void InitTree();
   void Notify(DWORD count, bool compressing);
+  BOOL Conclude(bool endOk, const CFileIO* destination, DWORD e, DWORD* error) const;
 
   template <class Coder, class Shape>
   BOOL EncodeLoop(Coder& coder, CFileIO* source, CFileBit* destination, DWORD* error, Shape shape);
