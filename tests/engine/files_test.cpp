@@ -466,3 +466,68 @@ TEST(ArchiveDrivers, FailuresAndTheirCodes) {
 }
 
 } // namespace
+
+namespace {
+
+TEST(ArchiveDrivers, MethodMapping) {
+  HookArchive archive;
+  EXPECT_EQ(0u, archive.GetCompressType(0));
+  EXPECT_EQ(1u, archive.GetCompressType(1));
+  EXPECT_EQ(0u, archive.GetCompressType(2));
+  EXPECT_EQ(1u, archive.GetCompressType(0xFFFF));
+  EXPECT_TRUE(archive.CheckExpandType(0));
+  EXPECT_TRUE(archive.CheckExpandType(1));
+  EXPECT_FALSE(archive.CheckExpandType(2));
+  EXPECT_FALSE(archive.CheckExpandType(0xFFFF));
+}
+
+// The engine's own file entry points: a CRC carried in and out, a limit,
+// and progress calls only when asked for.
+TEST(FileStreams, EngineFileEntryPoints) {
+  class Counting : public CEncodeDecode1 {
+  public:
+    int reads = 0, writes = 0;
+    void ReadNotify(DWORD count) override {
+      if (count) ++reads;
+    }
+    void WriteNotify(DWORD count) override {
+      if (count) ++writes;
+    }
+  };
+  test::TempDir dir;
+  const Bytes data = TextLike(30000, 12);
+  test::WriteFile(dir.Host("in"), data);
+  Bytes packed(40000);
+  DWORD crc = 0x1234, error = 0;
+  Counting encoder;
+  encoder.Create(13, 256);
+  {
+    File in(dir.Win("in"), GENERIC_READ, OPEN_EXISTING);
+    CFileBit bits;
+    bits.SetMemory(packed.data(), packed.size());
+    bits.Allocate();
+    const CArchiveSize limit(20000);
+    ASSERT_TRUE(encoder.EncodeFile(in.Get(), &bits, &crc, &error, TRUE, &limit));
+    bits.Finish();
+    packed.resize(bits.Position.GetValue());
+  }
+  EXPECT_EQ(talvern::engine::Crc32Update(0x1234, data.data(), 20000), crc);
+  EXPECT_EQ(3, encoder.reads);
+  EXPECT_EQ(Compress(Bytes(data.begin(), data.begin() + 20000)), packed);
+
+  Counting decoder;
+  decoder.Create(13, 256);
+  {
+    File out(dir.Win("out"), ReadWrite, CREATE_ALWAYS);
+    CFileBit bits;
+    bits.SetMemory(packed.data(), packed.size());
+    bits.Allocate();
+    DWORD back = 0;
+    ASSERT_TRUE(decoder.DecodeFile(out.Get(), &bits, &back, &error, FALSE, nullptr));
+    EXPECT_EQ(talvern::engine::Crc32Update(0, data.data(), 20000), back);
+  }
+  EXPECT_EQ(0, decoder.writes);
+  EXPECT_EQ(Bytes(data.begin(), data.begin() + 20000), test::ReadFile(dir.Host("out")));
+}
+
+} // namespace
