@@ -307,9 +307,6 @@ int CArchiveFile::CompressAll(const WCHAR* sourcePath, CSrchFlags srch, CAttrFla
     else
       Close();
   }
-  // An error that a hook latched on the way (a refused nested operation,
-  // for example) has made the close cut the volume back: not a success.
-  if (result && IsError()) result = 0;
   CompressCompleteNotify(result);
   return result;
 }
@@ -366,9 +363,7 @@ int CArchiveFile::Compress(const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlag
     d.Flags |= FlagBusy;
     const int stored = DoCompress(root.c_str(), base.c_str(), entry, srch, attr);
     d.Flags &= ~FlagBusy;
-    // An error that a hook latched on the way makes the next flush cut the
-    // volume back, so the item is not in the archive.
-    return stored && !IsError() ? 1 : 0;
+    return stored;
   };
 
   if (result) result = add();
@@ -445,6 +440,12 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   entry.Crc = 0;
   if (!options.KeepFolder) entry.Path.clear();
 
+  // The open volume as it was before this item, so that a failed item can
+  // be taken out of it again.
+  const DWORD startFlags = d.Flags;
+  const WORD startVolumeWord = d.Header.VolumeWord;
+  bool volumeChanged = false;
+
   FileHandle data;
   TemporaryFile temp;
   const std::uint64_t originalSize = UncompressedSize(fd);
@@ -495,6 +496,7 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
       return 0;
     }
     SetMediaChanged();
+    volumeChanged = true;
     return 1;
   };
 
@@ -598,6 +600,18 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   };
 
   int result = store();
+  if (!result && IsOpen() && (d.Flags & FlagWritable)) {
+    // A failed item is taken out of the open volume again: its end goes
+    // back to where the item's record begins, so that the next flush keeps
+    // only whole entries. On the volume the item started in, the header is
+    // as it was before the item (a volume change that failed before closing
+    // it may have marked it as continuing).
+    d.Header.ArchiveSize = std::min(d.Header.ArchiveSize, entry.EntryOffset.GetValue());
+    if (!volumeChanged) {
+      d.Header.VolumeWord = startVolumeWord;
+      if (!(startFlags & FlagHeaderDirty)) d.Flags &= ~FlagHeaderDirty;
+    }
+  }
   data.Close();
   temp.Remove();
   buffer.reset();
