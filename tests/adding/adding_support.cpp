@@ -189,11 +189,19 @@ std::vector<std::string> FolderContents(const std::string& hostDir) {
   return names;
 }
 
-std::string PrivateTempDir(const test::TempDir& dir) {
-  const std::string tmp = dir.Host("tmp");
-  fs::create_directories(tmp);
-  setenv("TMPDIR", tmp.c_str(), 1);
-  return tmp;
+TemporaryFolderOverride::TemporaryFolderOverride(const std::string& hostDir) {
+  const char* previous = std::getenv("TMPDIR");
+  hadValue_ = previous != nullptr;
+  if (hadValue_) previous_ = previous;
+  fs::create_directories(hostDir);
+  setenv("TMPDIR", hostDir.c_str(), 1);
+}
+
+TemporaryFolderOverride::~TemporaryFolderOverride() {
+  if (hadValue_)
+    setenv("TMPDIR", previous_.c_str(), 1);
+  else
+    unsetenv("TMPDIR");
 }
 
 FILETIME MakeFileTime(std::uint64_t value) {

@@ -107,9 +107,19 @@ std::vector<std::string> Names(const std::vector<CArchiveEntry>& entries);
 // The names in a host folder (not recursive), sorted.
 std::vector<std::string> FolderContents(const std::string& hostDir);
 
-// Points the system's temporary directory (TMPDIR) at a fresh folder below
-// dir and returns its host path, so that a test can see temporary files.
-std::string PrivateTempDir(const test::TempDir& dir);
+// Points the system's temporary directory (TMPDIR) at a folder for as long
+// as it lives, so that a test can see the temporary files an add makes.
+class TemporaryFolderOverride {
+public:
+  explicit TemporaryFolderOverride(const std::string& hostDir);
+  ~TemporaryFolderOverride();
+  TemporaryFolderOverride(const TemporaryFolderOverride&) = delete;
+  TemporaryFolderOverride& operator=(const TemporaryFolderOverride&) = delete;
+
+private:
+  bool hadValue_ = false;
+  std::string previous_;
+};
 
 FILETIME MakeFileTime(std::uint64_t value);
 std::uint64_t FileTimeValue(const FILETIME& time);

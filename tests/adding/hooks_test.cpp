@@ -84,7 +84,8 @@ class AddingCancel : public ::testing::TestWithParam<int> {};
 
 TEST_P(AddingCancel, EachHookStopsTheRunAndLeavesNoTemporaryFile) {
   test::TempDir dir;
-  const std::string tmp = PrivateTempDir(dir);
+  const std::string tmp = dir.Host("tmp");
+  const TemporaryFolderOverride useTmp(tmp);
   test::WriteFile(dir.Host("source/a.txt"), std::string(50000, 'a'));
   test::WriteFile(dir.Host("source/b.txt"), std::string(600000, 'b'));
   const auto noise = test::RandomBytes(600000, 9);
@@ -373,8 +374,7 @@ TEST(AddingDecisions, TemporaryFolderTooLongForTheNameBuffer) {
   test::TempDir dir;
   std::string deep = dir.Host("t");
   while (deep.size() < 300) deep += "/folder-with-a-long-name";
-  std::filesystem::create_directories(deep);
-  setenv("TMPDIR", deep.c_str(), 1);
+  const TemporaryFolderOverride useDeep(deep);
   test::WriteFile(dir.Host("source/f.txt"), "x");
 
   Host host;
