@@ -575,19 +575,18 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
     if (!CompressFileNotify(root, baseDir, folder.c_str(), entry)) return cancel();
     if (!isDirectory && !prepareData()) return 0;
 
-    if (entry.Security == nullptr) entry.Security = new (std::nothrow) CArchiveSecurity();
-    if (entry.Security != nullptr) {
-      delete[] entry.Security->Data;
-      entry.Security->Data = nullptr;
-      entry.Security->Length = 0;
-    }
+    // The capture empties the block first; without it the block is emptied
+    // here, so that no descriptor of an earlier item travels on.
     if (options.Security) {
-      const DWORD code =
-          entry.Security != nullptr ? CaptureSecurity(source.c_str(), entry) : ERROR_OUTOFMEMORY;
+      const DWORD code = CaptureSecurity(source.c_str(), entry);
       if (code != ERROR_SUCCESS) {
         SetErrorCode(code);
         return 0;
       }
+    } else if (entry.Security != nullptr) {
+      delete[] entry.Security->Data;
+      entry.Security->Data = nullptr;
+      entry.Security->Length = 0;
     }
 
     if (!DoWriteEntry(entry, nullptr)) {
