@@ -60,18 +60,26 @@ CArchiveSize Limit(DWORD general, DWORD first = 0) {
   return limit;
 }
 
+// Writes source/big.bin of size random bytes below dir and adds the source
+// folder as the archive named archive (below dir) with a 1,000,000-byte
+// limit. Returns the file's bytes.
+std::vector<std::uint8_t> AddBigFileInVolumes(Host& host, const test::TempDir& dir, size_t size,
+                                              std::uint32_t seed, const std::string& archive) {
+  auto bytes = test::RandomBytes(size, seed);
+  test::WriteFile(dir.Host("source/big.bin"), bytes);
+  const CArchiveSize limit = Limit(1000000);
+  EXPECT_EQ(host.FileName(dir.Win(archive).c_str(), &limit), 1);
+  EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1)
+      << host.GetErrorCode();
+  return bytes;
+}
+
 } // namespace
 
 TEST(AddingSpanning, FileSplitOverThreeNumberedVolumes) {
   test::TempDir dir;
-  const auto noise = test::RandomBytes(2500000, 21);
-  test::WriteFile(dir.Host("source/big.bin"), noise);
-  const CArchiveSize limit = Limit(1000000);
-
   Host host;
-  ASSERT_EQ(host.FileName(dir.Win("set/BACKUP.ARC").c_str(), &limit), 1);
-  ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1)
-      << host.GetErrorCode();
+  const auto noise = AddBigFileInVolumes(host, dir, 2500000, 21, "set/BACKUP.ARC");
   // Numbered volumes on a fixed disk need nobody's answer.
   EXPECT_EQ(host.CallsStartingWith("disk"), V{});
   EXPECT_FALSE(test::Exists(dir.Host("set/BACKUP.003")));
@@ -132,12 +140,8 @@ TEST(AddingSpanning, FirstVolumeLimitAndLimitsThatMeanNone) {
 
 TEST(AddingSpanning, DiskFoldersAdvanceAndAreCreated) {
   test::TempDir dir;
-  const auto noise = test::RandomBytes(1500000, 8);
-  test::WriteFile(dir.Host("source/big.bin"), noise);
-  const CArchiveSize limit = Limit(1000000);
   Host host;
-  ASSERT_EQ(host.FileName(dir.Win("out/DISK1/B.ARC").c_str(), &limit), 1);
-  ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
+  const auto noise = AddBigFileInVolumes(host, dir, 1500000, 8, "out/DISK1/B.ARC");
   EXPECT_EQ(FolderContents(dir.Host("out")), (V{"DISK1", "DISK2"}));
   EXPECT_EQ(FolderContents(dir.Host("out/DISK2")), V{"B.001"});
   const std::vector<Volume> volumes = {ReadVolume(dir.Win("out/DISK1/B.000")),
