@@ -19,6 +19,12 @@ DWORD CaptureSecurity(const WCHAR* fullName, CArchiveEntry& entry);
 // Null when the bytes are not a valid descriptor or any step fails.
 std::unique_ptr<BYTE[]> BuildAbsoluteSecurityDescriptor(const BYTE* stored);
 
+// The same for a stored block of `length` bytes, such as an entry's
+// Security.Data and Security.Length read from an archive: null as well when
+// any part of the descriptor reaches beyond the block, so that a damaged
+// block is never read past its end.
+std::unique_ptr<BYTE[]> BuildAbsoluteSecurityDescriptor(const BYTE* stored, DWORD length);
+
 // 8 plus the sizes of the ACEs the list returns; 0 when it cannot be read.
 DWORD CalcAclSize(PACL acl);
 

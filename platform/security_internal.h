@@ -1,9 +1,10 @@
 // The meeting point between file creation and security descriptors in the
-// platform layer. Not installed.
+// platform layer, and the helpers the security parts share. Not installed.
 #pragma once
 
 #include <talvern/win32.h>
 
+#include <cstddef>
 #include <string>
 
 namespace talvern::platform {
@@ -16,5 +17,19 @@ namespace talvern::platform {
 // then removes the new item and fails with that code).
 DWORD ApplySecurityOnCreate(const std::string& hostPath, bool isDirectory,
                             PSECURITY_DESCRIPTOR descriptor);
+
+// The largest extent a self-relative descriptor can have: its header, two
+// SIDs of 15 sub-authorities and two access lists of 65535 bytes. A
+// descriptor known only by its address is never read beyond this.
+inline constexpr std::size_t kMaxSelfRelativeLength = 20 + 2 * 68 + 2 * 0xFFFF;
+
+// True when `length` bytes at `bytes` hold a valid self-relative descriptor
+// whose every part lies inside them. Reads nothing outside the range.
+bool IsValidSelfRelativeDescriptor(const void* bytes, std::size_t length);
+
+// Whether the process's token holds, or holds and has enabled, a privilege
+// ("SeSecurityPrivilege", ...). Unknown names are neither.
+bool IsPrivilegeHeld(const WCHAR* name);
+bool IsPrivilegeEnabled(const WCHAR* name);
 
 } // namespace talvern::platform

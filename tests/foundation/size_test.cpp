@@ -92,7 +92,7 @@ TEST(CalcArchivePercent, EdgeValues) {
   EXPECT_EQ(0u, pct(0, 7));
   EXPECT_EQ(3333u, pct(1, 3));
   EXPECT_EQ(6667u, pct(2, 3));
-  EXPECT_EQ(1u, pct(1, 20000));  // an exact half rounds up
+  EXPECT_EQ(1u, pct(1, 20000)); // an exact half rounds up
   EXPECT_EQ(0u, pct(1, 20001));
   EXPECT_EQ(10000u, pct((1ull << 40) - 1, 1ull << 40)); // scaling, then rounding
   EXPECT_EQ(0u, pct(1, 1ull << 63));

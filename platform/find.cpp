@@ -1,0 +1,169 @@
+// Searches: FindFirstFileW, FindNextFileW and FindClose.
+#include "platform/layer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <dirent.h>
+#include <sys/stat.h>
+#include <vector>
+
+namespace talvern::platform {
+namespace {
+
+// A search reads its folder once, when it starts, and hands out the
+// matching entries in order.
+class FindObject : public HandleObject {
+public:
+  std::vector<WIN32_FIND_DATAW> results;
+  std::size_t next = 0;
+};
+
+bool HasWildcards(std::u16string_view pattern) {
+  return pattern.find_first_of(u"*?") != std::u16string_view::npos;
+}
+
+// Windows wildcard matching, ignoring case: '*' matches any run, '?' one
+// code unit; "*.*" matches every name, and a pattern ending in ".*" also
+// matches the same name without an extension ("a.*" matches "a").
+bool Matches(std::u16string_view pattern, std::u16string_view name) {
+  if (pattern == u"*" || pattern == u"*.*") return true;
+  std::size_t p = 0, n = 0, starP = CString::npos, starN = 0;
+  while (n < name.size()) {
+    if (p < pattern.size() && (pattern[p] == u'?' || UpperChar(pattern[p]) == UpperChar(name[n]))) {
+      ++p;
+      ++n;
+    } else if (p < pattern.size() && pattern[p] == u'*') {
+      starP = p++;
+      starN = n;
+    } else if (starP != CString::npos) {
+      p = starP + 1;
+      n = ++starN;
+    } else {
+      return false;
+    }
+  }
+  while (p < pattern.size() && pattern[p] == u'*') ++p;
+  if (p == pattern.size()) return true;
+  // What is left of the pattern may be ".*" (or ".", "..*"): the name has no extension.
+  std::u16string_view rest = pattern.substr(p);
+  return rest == u".*" || rest == u"." ||
+         (rest.size() >= 2 && rest[0] == u'.' && rest.find_first_not_of(u'*', 1) == CString::npos);
+}
+
+void Fill(WIN32_FIND_DATAW& data, const CString& name, const ItemInfo& info) {
+  data = WIN32_FIND_DATAW();
+  data.dwFileAttributes = info.attributes;
+  data.ftCreationTime = info.creation;
+  data.ftLastAccessTime = info.lastAccess;
+  data.ftLastWriteTime = info.lastWrite;
+  data.nFileSizeHigh = static_cast<DWORD>(info.size >> 32);
+  data.nFileSizeLow = static_cast<DWORD>(info.size);
+  data.dwReserved0 = info.isSymlink ? IO_REPARSE_TAG_SYMLINK : 0;
+  std::copy(name.begin(), name.end(), data.cFileName);
+  data.cFileName[name.size()] = 0;
+}
+
+// Orders names as Windows lists them on its own file systems: by upper case.
+bool NameBefore(const WIN32_FIND_DATAW& a, const WIN32_FIND_DATAW& b) {
+  for (std::size_t i = 0;; ++i) {
+    const WCHAR x = UpperChar(a.cFileName[i]);
+    const WCHAR y = UpperChar(b.cFileName[i]);
+    if (x != y) return x < y;
+    if (x == 0) return false;
+  }
+}
+
+HANDLE FailHandle(DWORD code) {
+  SetLastError(code);
+  return INVALID_HANDLE_VALUE;
+}
+
+} // namespace
+} // namespace talvern::platform
+
+using namespace talvern::platform;
+
+HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findData) {
+  if (fileName == nullptr || findData == nullptr) return FailHandle(ERROR_INVALID_PARAMETER);
+  CString full;
+  long filePart = -1;
+  if (const DWORD code = BuildFullPathName(fileName, full, filePart)) return FailHandle(code);
+  // A path that ends with a separator names no file.
+  if (filePart < 0) return FailHandle(ERROR_FILE_NOT_FOUND);
+  const CString pattern = full.substr(static_cast<std::size_t>(filePart));
+  CString folder = full.substr(0, static_cast<std::size_t>(filePart));
+
+  ResolvedPath dir;
+  if (!Resolve(folder.c_str(), dir)) return INVALID_HANDLE_VALUE;
+  struct stat st {};
+  if (::stat(dir.host.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+    return FailHandle(ERROR_PATH_NOT_FOUND);
+  const std::string prefix = dir.host == "/" ? std::string("/") : dir.host + "/";
+
+  auto find = std::make_unique<FindObject>();
+  if (!HasWildcards(pattern)) {
+    // One name: the item itself, if it exists.
+    std::string hostName;
+    if (!WindowsNameToHost(pattern, hostName)) return INVALID_HANDLE_VALUE;
+    ItemInfo info;
+    if (!QueryItem(prefix + hostName, hostName, info)) return INVALID_HANDLE_VALUE;
+    WIN32_FIND_DATAW data;
+    Fill(data, HostNameToWindows(hostName), info);
+    find->results.push_back(data);
+  } else {
+    DIR* d = ::opendir(dir.host.c_str());
+    if (d == nullptr) {
+      if (errno == ENOENT || errno == ENOTDIR) return FailHandle(ERROR_PATH_NOT_FOUND);
+      SetLastErrorFromErrno(errno);
+      return INVALID_HANDLE_VALUE;
+    }
+    std::vector<WIN32_FIND_DATAW> entries;
+    while (const dirent* e = ::readdir(d)) {
+      const std::string hostName = e->d_name;
+      if (hostName == "." || hostName == "..") continue;
+      const CString name = HostNameToWindows(hostName);
+      // Longer names do not fit cFileName; host file systems do not make them.
+      if (name.size() >= MAX_PATH || !Matches(pattern, name)) continue;
+      ItemInfo info;
+      if (!QueryItem(prefix + hostName, hostName, info)) continue; // gone meanwhile
+      WIN32_FIND_DATAW data;
+      Fill(data, name, info);
+      entries.push_back(data);
+    }
+    ::closedir(d);
+    std::sort(entries.begin(), entries.end(), NameBefore);
+    // "." and ".." come first in every folder but a root, as Windows lists them.
+    if (!dir.isRoot) {
+      const std::string parent = dir.host.substr(0, dir.host.find_last_of('/'));
+      const std::pair<const char16_t*, std::string> dots[] = {
+          {u".", dir.host}, {u"..", parent.empty() ? std::string("/") : parent}};
+      for (const auto& [name, host] : dots) {
+        ItemInfo info;
+        if (!Matches(pattern, name) || !QueryItem(host, std::string_view("."), info)) continue;
+        WIN32_FIND_DATAW data;
+        Fill(data, name, info);
+        find->results.push_back(data);
+      }
+    }
+    find->results.insert(find->results.end(), entries.begin(), entries.end());
+  }
+  if (find->results.empty()) return FailHandle(ERROR_FILE_NOT_FOUND);
+  *findData = find->results[0];
+  find->next = 1;
+  return RegisterHandle(std::move(find));
+}
+
+BOOL FindNextFileW(HANDLE findFile, LPWIN32_FIND_DATAW findData) {
+  auto* find = FindHandleAs<FindObject>(findFile);
+  if (find == nullptr) return Fail(ERROR_INVALID_HANDLE);
+  if (findData == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+  if (find->next >= find->results.size()) return Fail(ERROR_NO_MORE_FILES);
+  *findData = find->results[find->next++];
+  return TRUE;
+}
+
+BOOL FindClose(HANDLE findFile) {
+  if (FindHandleAs<FindObject>(findFile) == nullptr) return Fail(ERROR_INVALID_HANDLE);
+  TakeHandle(findFile).reset();
+  return TRUE;
+}

@@ -1,0 +1,144 @@
+// Path utilities over the platform's drives, shares and current directory.
+#include "foundation/paths.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+using test::W;
+
+namespace {
+
+const CString kHigh(1, static_cast<WCHAR>(0xD83D));
+const CString kLow(1, static_cast<WCHAR>(0xDE00));
+
+TEST(NextCharIndex, StepsOverWholeSurrogatePairs) {
+  const CString s = W("a") + kHigh + kLow + W("b");
+  EXPECT_EQ(1, NextCharIndex(s, 0));
+  EXPECT_EQ(3, NextCharIndex(s, 1));
+  EXPECT_EQ(4, NextCharIndex(s, 3));
+  EXPECT_EQ(4, NextCharIndex(s, 4));
+  EXPECT_EQ(4, NextCharIndex(s, -1));
+  // Started on the low half, the step still lands after the pair.
+  EXPECT_EQ(3, NextCharIndex(s, 2));
+  // A lone high surrogate is one character.
+  const CString lone = W("x") + kHigh + W("y");
+  EXPECT_EQ(2, NextCharIndex(lone, 1));
+}
+
+TEST(FindLastSeparator, FlagsAndLimits) {
+  const CString p = W("C:\\a\\b.txt");
+  EXPECT_EQ(4, FindLastSeparator(p, 1, -1));
+  EXPECT_EQ(5, FindLastSeparator(p, 0, -1));
+  EXPECT_EQ(2, FindLastSeparator(p, 1, 4));
+  EXPECT_EQ(4, FindLastSeparator(p, 1, 1000)); // a limit past the end means no limit
+  EXPECT_EQ(-1, FindLastSeparator(W("name.txt"), 1, -1));
+  EXPECT_EQ(-1, FindLastSeparator(CString(), 1, -1));
+  EXPECT_EQ(-1, FindLastSeparator(p, 1, 0));
+  // A NUL inside the string ends the scan.
+  CString withNul = W("a\\b");
+  withNul += static_cast<WCHAR>(0);
+  withNul += W("\\c");
+  EXPECT_EQ(1, FindLastSeparator(withNul, 1, -1));
+  // Separators after a surrogate pair are found at their true index.
+  const CString pair = kHigh + kLow + W("\\x");
+  EXPECT_EQ(2, FindLastSeparator(pair, 1, -1));
+  EXPECT_EQ(3, FindLastSeparator(pair, 0, -1));
+}
+
+TEST(RemoveExtension, CutsAtTheLastDotOfTheFinalComponent) {
+  auto cut = [](const char* text) {
+    CString s = W(text);
+    RemoveExtension(s);
+    return test::N(s);
+  };
+  EXPECT_EQ("C:\\dir\\arch", cut("C:\\dir\\arch.dat"));
+  EXPECT_EQ("C:\\dir.x\\arch", cut("C:\\dir.x\\arch"));
+  EXPECT_EQ("a.tar", cut("a.tar.gz"));
+  EXPECT_EQ("", cut(".profile"));
+  EXPECT_EQ("C:", cut("C:"));
+  EXPECT_EQ("C:name", cut("C:name.x"));
+}
+
+// A drive C: over a temporary folder, and the current directory inside it.
+class PathsOnDrives : public ::testing::Test {
+protected:
+  void SetUp() override {
+    talvern::MediumSpec medium;
+    medium.HostDir = dir_.Host("c");
+    std::filesystem::create_directories(medium.HostDir);
+    ASSERT_TRUE(talvern::MountDrive(u'C', DRIVE_FIXED, 4096, &medium));
+    std::filesystem::create_directories(dir_.Host("share"));
+    ASSERT_TRUE(talvern::MountShare(u"srv", u"share", dir_.Host("share")));
+  }
+  test::TempDir dir_;
+};
+
+TEST_F(PathsOnDrives, BuildRootPathForDrivesSharesAndRelativePaths) {
+  EXPECT_EQ("c:\\", test::N(BuildRootPath(u"c:\\work\\x.arc")));
+  EXPECT_EQ("C:\\", test::N(BuildRootPath(u"C:\\")));
+  EXPECT_EQ("\\\\srv\\share\\", test::N(BuildRootPath(u"\\\\srv\\share\\dir\\x.arc")));
+  EXPECT_EQ("\\\\srv\\share\\", test::N(BuildRootPath(u"\\\\srv\\share")));
+  EXPECT_EQ("", test::N(BuildRootPath(u"\\\\srv")));
+  EXPECT_EQ("", test::N(BuildRootPath(u"\\\\srv\\")));
+  EXPECT_EQ("", test::N(BuildRootPath(nullptr)));
+
+  // A relative path gives the root of the drive that holds the current directory.
+  ASSERT_TRUE(SetCurrentDirectoryW(u"C:\\"));
+  EXPECT_EQ("C:\\", test::N(BuildRootPath(u"x.arc")));
+  EXPECT_EQ("C:\\", test::N(BuildRootPath(u"")));
+  ASSERT_TRUE(SetCurrentDirectoryW(dir_.Win().c_str()));
+  // The temporary folder is outside C:'s folder, so it is presented on Z:.
+  EXPECT_EQ("Z:\\", test::N(BuildRootPath(u"x.arc")));
+}
+
+TEST_F(PathsOnDrives, BuildFullPathGivesTheFinalComponent) {
+  std::filesystem::create_directories(dir_.Host("c/work"));
+  ASSERT_TRUE(SetCurrentDirectoryW(u"C:\\work"));
+  int index = 99;
+  EXPECT_EQ("C:\\work", test::N(BuildFullPath(nullptr, &index)));
+  EXPECT_EQ(3, index);
+  EXPECT_EQ("C:\\work", test::N(BuildFullPath(u"", &index)));
+  EXPECT_EQ("C:\\work\\a\\b.txt", test::N(BuildFullPath(u"a\\.\\x\\..\\b.txt", &index)));
+  EXPECT_EQ(10, index);
+  EXPECT_EQ("C:\\work\\a\\", test::N(BuildFullPath(u"a\\", &index)));
+  EXPECT_EQ(-1, index);
+  EXPECT_EQ("C:\\x", test::N(BuildFullPath(u"C:\\..\\..\\x", &index)));
+  EXPECT_EQ(3, index);
+  EXPECT_EQ("\\\\srv\\share\\d\\f", test::N(BuildFullPath(u"//srv/share/d//f", &index)));
+  EXPECT_EQ(14, index);
+  EXPECT_EQ("C:\\work\\f", test::N(BuildFullPath(u"C:f"))); // drive-relative, current drive
+}
+
+TEST_F(PathsOnDrives, CreateDirectoryTreeCreatesParentsAndOptionallyTheLast) {
+  EXPECT_EQ(1, CreateDirectoryTree(u"C:\\", u"C:\\a\\b\\c.txt", 0));
+  EXPECT_TRUE(std::filesystem::is_directory(dir_.Host("c/a/b")));
+  EXPECT_FALSE(test::Exists(dir_.Host("c/a/b/c.txt")));
+  EXPECT_EQ(1, CreateDirectoryTree(u"C:\\", u"C:\\a\\b\\c.txt", 1));
+  EXPECT_TRUE(std::filesystem::is_directory(dir_.Host("c/a/b/c.txt")));
+  EXPECT_EQ(1, CreateDirectoryTree(u"C:\\", u"C:\\a\\b\\c.txt", 1)); // already there
+
+  EXPECT_EQ(1, CreateDirectoryTree(u"C:\\", u"C:\\", 1));    // at the root: nothing to do
+  EXPECT_EQ(0, CreateDirectoryTree(u"C:\\", u"C:\\a\\", 1)); // no final component
+
+  test::WriteFile(dir_.Host("c/file"), "x");
+  SetLastError(0);
+  EXPECT_EQ(0, CreateDirectoryTree(u"C:\\", u"C:\\file", 1));
+  EXPECT_EQ(ERROR_ALREADY_EXISTS, GetLastError());
+  EXPECT_EQ(0, CreateDirectoryTree(u"C:\\", u"C:\\file\\sub\\x", 0));
+
+  // On a share the recursion ends at the share root.
+  EXPECT_EQ(1, CreateDirectoryTree(u"\\\\srv\\share\\", u"\\\\srv\\share\\p\\q", 1));
+  EXPECT_TRUE(std::filesystem::is_directory(dir_.Host("share/p/q")));
+}
+
+TEST_F(PathsOnDrives, ArchivePathMembersMatchTheFreeFunctions) {
+  CArchiveFile archive;
+  int index = -5;
+  EXPECT_EQ(BuildFullPath(u"C:\\a\\b", nullptr), archive.GetFullPath(u"C:\\a\\b", &index));
+  EXPECT_EQ(5, index);
+  EXPECT_EQ("\\\\srv\\share\\", test::N(archive.GetRootPath(u"\\\\srv\\share\\x")));
+}
+
+} // namespace

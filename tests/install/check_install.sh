@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs the build into a temporary prefix and builds a consumer project
+# against it twice: through find_package(Talvern) and through pkg-config.
+set -euo pipefail
+build_dir=$1
+source_dir=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+cmake --install "$build_dir" --prefix "$prefix" >/dev/null
+libdir=$(dirname "$(find "$prefix" -name 'libtalvern.so*' | head -n1)")
+
+echo "== find_package(Talvern)"
+cmake -S "$source_dir/tests/install/consumer" -B "$work/cmake-build" \
+  -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$work/cmake-build" >/dev/null
+LD_LIBRARY_PATH=$libdir "$work/cmake-build/consumer"
+
+echo "== pkg-config talvern"
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+# shellcheck disable=SC2046
+c++ -o "$work/pc-consumer" "$source_dir/tests/install/consumer/main.cpp" \
+  $(pkg-config --cflags --libs talvern)
+LD_LIBRARY_PATH=$libdir "$work/pc-consumer"
