@@ -106,8 +106,7 @@ private:
 std::unique_ptr<BYTE[]> PrepareDescriptor(const CArchiveEntry& entry, bool restoreSecurity) {
   const CArchiveSecurity* s = entry.Security;
   if (!restoreSecurity || s == nullptr || s->Length == 0 || s->Data == nullptr) return nullptr;
-  if (!StoredDescriptorFits(s->Data, s->Length)) return nullptr;
-  return BuildAbsoluteSecurityDescriptor(s->Data);
+  return BuildAbsoluteSecurityDescriptor(s->Data, s->Length);
 }
 
 } // namespace

@@ -1,8 +1,7 @@
 // Helpers of the extracting operations: paths, containment of outputs,
-// times, media identity and stored descriptor bounds.
+// times and media identity.
 #include "operations/extracting_support.h"
 
-#include "archive/volume_io.h"
 #include "foundation/paths.h"
 
 namespace {
@@ -46,25 +45,6 @@ bool IsContainedComponent(const WCHAR* begin, const WCHAR* end) {
     if (*p != u'.' && *p != u' ') onlyDotsAndSpaces = false;
   }
   return !onlyDotsAndSpaces;
-}
-
-// The parts of a self-relative descriptor that its header locates.
-constexpr DWORD kRelativeHeaderSize = 20;
-constexpr DWORD kSidFixedSize = 8;
-constexpr DWORD kAclHeaderSize = 8;
-
-bool SidFits(const BYTE* data, DWORD length, DWORD offset) {
-  if (offset == 0) return true;
-  if (offset > length || length - offset < kSidFixedSize) return false;
-  const std::uint64_t size = kSidFixedSize + 4ull * data[offset + 1];
-  return size <= length - offset;
-}
-
-bool AclFits(const BYTE* data, DWORD length, DWORD offset, bool present) {
-  if (!present || offset == 0) return true;
-  if (offset > length || length - offset < kAclHeaderSize) return false;
-  const DWORD aclSize = volume_io::GetLE16(data + offset + 2);
-  return aclSize >= kAclHeaderSize && aclSize <= length - offset;
 }
 
 } // namespace
@@ -130,18 +110,4 @@ MediaIdentity ReadMediaIdentity(const CArchiveFile& archive, const WCHAR* path) 
 bool IsSameIdentity(const CArchiveFile& archive, const MediaIdentity& a, const MediaIdentity& b) {
   return archive.IsSameMedia(a.Serial, b.Serial, a.Flags, b.Flags, a.Label.c_str(),
                              b.Label.c_str()) != 0;
-}
-
-bool StoredDescriptorFits(const BYTE* data, DWORD length) {
-  if (data == nullptr || length < kRelativeHeaderSize) return false;
-  const WORD control = volume_io::GetLE16(data + 2);
-  // An absolute descriptor holds raw pointers: never valid in stored bytes.
-  if (!(control & SE_SELF_RELATIVE)) return false;
-  const DWORD owner = volume_io::GetLE32(data + 4);
-  const DWORD group = volume_io::GetLE32(data + 8);
-  const DWORD sacl = volume_io::GetLE32(data + 12);
-  const DWORD dacl = volume_io::GetLE32(data + 16);
-  return SidFits(data, length, owner) && SidFits(data, length, group) &&
-         AclFits(data, length, sacl, (control & SE_SACL_PRESENT) != 0) &&
-         AclFits(data, length, dacl, (control & SE_DACL_PRESENT) != 0);
 }

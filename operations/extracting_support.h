@@ -1,7 +1,6 @@
 // Helpers of the extracting operations: the paths they work with, the rule
 // that keeps every output inside the target directory, the times given to
-// extracted items, the identity of media and a bounds check of stored
-// security descriptors. Internal to the library.
+// extracted items and the identity of media. Internal to the library.
 #pragma once
 
 #include <talvern/archive.h>
@@ -52,9 +51,3 @@ struct MediaIdentity {
 };
 MediaIdentity ReadMediaIdentity(const CArchiveFile& archive, const WCHAR* path);
 bool IsSameIdentity(const CArchiveFile& archive, const MediaIdentity& a, const MediaIdentity& b);
-
-// Whether length bytes hold a self-relative descriptor header whose owner,
-// group and access lists all lie inside those bytes. The system's own
-// validation is handed a pointer only, so a stored block must be known to
-// contain everything its offsets point at before it is used.
-bool StoredDescriptorFits(const BYTE* data, DWORD length);
