@@ -196,6 +196,8 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
   ResolvedPath path;
   if (!Resolve(fileName, path)) return INVALID_HANDLE_VALUE;
   if (IsLockedByOther(path.medium.get(), nullptr)) return FailHandle(ERROR_ACCESS_DENIED);
+  // "name\\" can only be a folder.
+  const bool trailingSeparator = !path.isRoot && path.full.back() == u'\\';
 
   for (int attempt = 0;; ++attempt) {
     struct stat lst {
@@ -215,6 +217,8 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
     const bool truncating =
         creationDisposition == CREATE_ALWAYS || creationDisposition == TRUNCATE_EXISTING;
     bool isDirectory = false;
+    if (trailingSeparator && !(exists && S_ISDIR(st.st_mode)))
+      return FailHandle(ERROR_INVALID_NAME);
     if (exists) {
       if (creationDisposition == CREATE_NEW) return FailHandle(ERROR_FILE_EXISTS);
       if (S_ISDIR(st.st_mode)) {
@@ -421,7 +425,7 @@ DWORD SetFilePointer(HANDLE file, LONG distanceToMove, PLONG distanceToMoveHigh,
     SetLastError(ERROR_NEGATIVE_SEEK);
     return INVALID_SET_FILE_POINTER;
   }
-  if (distanceToMoveHigh == nullptr && target > 0xFFFFFFFELL) {
+  if (distanceToMoveHigh == nullptr && target > 0xFFFFFFFFLL) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return INVALID_SET_FILE_POINTER;
   }

@@ -44,10 +44,11 @@ bool Matches(std::u16string_view pattern, std::u16string_view name) {
   }
   while (p < pattern.size() && pattern[p] == u'*') ++p;
   if (p == pattern.size()) return true;
-  // What is left of the pattern may be ".*" (or ".", "..*"): the name has no extension.
-  std::u16string_view rest = pattern.substr(p);
-  return rest == u".*" || rest == u"." ||
-         (rest.size() >= 2 && rest[0] == u'.' && rest.find_first_not_of(u'*', 1) == CString::npos);
+  // What is left of the pattern may be "." or ".*" when the name has no
+  // extension at all: "a.*" and "*." match "a".
+  const std::u16string_view rest = pattern.substr(p);
+  if (name.find(u'.') != std::u16string_view::npos) return false;
+  return rest[0] == u'.' && rest.find_first_not_of(u'*', 1) == std::u16string_view::npos;
 }
 
 void Fill(WIN32_FIND_DATAW& data, const CString& name, const ItemInfo& info) {

@@ -76,6 +76,13 @@ TEST(CreateFile, DispositionsAndTheirCodes) {
   EXPECT_EQ(GetFileSize(h, nullptr), 0u);
   CloseHandle(h);
 
+  // A name that ends with a separator is a folder's, never a file's.
+  EXPECT_EQ(ErrorOf(Open(dir.Win("g.txt") + u"\\", kRW, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE),
+            ERROR_INVALID_NAME);
+  EXPECT_EQ(ErrorOf(Open(dir.Win("new") + u"\\", kRW, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE),
+            ERROR_INVALID_NAME);
+  EXPECT_FALSE(test::Exists(dir.Host("new")));
+
   // Folders: only with backup semantics, and never as files.
   EXPECT_EQ(ErrorOf(Open(dir.Win(), GENERIC_READ, kShareAll, OPEN_EXISTING), INVALID_HANDLE_VALUE),
             ERROR_ACCESS_DENIED);
@@ -145,6 +152,14 @@ TEST(Handles, TransfersSeekingSizeAndTruncation) {
   EXPECT_EQ(ErrorOf(SetFilePointer(h, -200000, nullptr, FILE_END), INVALID_SET_FILE_POINTER),
             ERROR_NEGATIVE_SEEK);
   EXPECT_EQ(SetFilePointer(h, 0, nullptr, FILE_CURRENT), 99999u); // unchanged by the failure
+  // Without the high half a position must fit 32 bits; 0xFFFFFFFF itself does.
+  EXPECT_EQ(SetFilePointer(h, 0x7FFFFFFF, nullptr, FILE_BEGIN), 0x7FFFFFFFu);
+  EXPECT_EQ(SetFilePointer(h, 0x7FFFFFFF, nullptr, FILE_CURRENT), 0xFFFFFFFEu);
+  SetLastError(99);
+  EXPECT_EQ(SetFilePointer(h, 1, nullptr, FILE_CURRENT), 0xFFFFFFFFu);
+  EXPECT_EQ(GetLastError(), 0u);
+  EXPECT_EQ(ErrorOf(SetFilePointer(h, 1, nullptr, FILE_CURRENT), INVALID_SET_FILE_POINTER),
+            ERROR_INVALID_PARAMETER);
   std::vector<std::uint8_t> back(data.size() + 10);
   SetFilePointer(h, 0, nullptr, FILE_BEGIN);
   ASSERT_TRUE(ReadFile(h, back.data(), static_cast<DWORD>(back.size()), &n, nullptr));
@@ -351,6 +366,7 @@ TEST(Find, WildcardsDotsAndErrors) {
   EXPECT_EQ(list("*.txt"), (V{"Alpha.TXT", "b2.txt", "beta.txt"}));
   EXPECT_EQ(list("B?.TXT"), (V{"b2.txt"}));
   EXPECT_EQ(list("noext.*"), (V{"noext"}));
+  EXPECT_EQ(list("*."), (V{".", "..", "noext"})); // names without an extension
   EXPECT_EQ(list("*a*.t?t"), (V{"Alpha.TXT", "beta.txt"}));
   EXPECT_EQ(list("zz*"), (V{"<2>"}));
   EXPECT_EQ(list("beta.txt"), (V{"beta.txt"}));
