@@ -58,6 +58,18 @@ bool CreateTree(const CString& path) {
   return CreateDirectoryTree(root.c_str(), path.c_str(), 1) != 0;
 }
 
+// A search handle at the first record of the open volume: null with 6 when
+// no volume is open, with 14 when there is no memory for it.
+std::unique_ptr<CArchiveFindFile> NewSearch(CArchiveFile& archive) {
+  if (!archive.IsOpen()) {
+    archive.SetErrorCode(ERROR_INVALID_HANDLE);
+    return nullptr;
+  }
+  std::unique_ptr<CArchiveFindFile> find(new (std::nothrow) CArchiveFindFile());
+  if (!find) archive.SetErrorCode(ERROR_OUTOFMEMORY);
+  return find;
+}
+
 // The temporary file that receives an entry's stored data: closed and
 // deleted on every path out of DoExpand.
 class TemporaryFile {
@@ -132,15 +144,8 @@ int CArchiveFile::ExpandAll(const WCHAR* targetDir, CSrchFlags srch, CAttrFlags 
     }
     entry.Clear();
     if (!DoDiskChange(root.c_str(), entry, nullptr, 1, noFirstPrompt)) return 0;
-    if (!IsOpen()) {
-      SetErrorCode(ERROR_INVALID_HANDLE);
-      return 0;
-    }
-    const std::unique_ptr<CArchiveFindFile> find(new (std::nothrow) CArchiveFindFile());
-    if (!find) {
-      SetErrorCode(ERROR_OUTOFMEMORY);
-      return 0;
-    }
+    const std::unique_ptr<CArchiveFindFile> find = NewSearch(*this);
+    if (!find) return 0;
     if (!CreateTree(target)) {
       SetErrorCode(LastErrorOr());
       return 0;
@@ -187,16 +192,8 @@ int CArchiveFile::Expand(const WCHAR* targetDir, CArchiveEntry& entry, CSrchFlag
       SetErrorCode(ERROR_PATH_BUSY);
       return 0;
     }
-    if (!IsOpen()) {
-      SetErrorCode(ERROR_INVALID_HANDLE);
-      return 0;
-    }
-    const std::unique_ptr<CArchiveFindFile> find(new (std::nothrow) CArchiveFindFile());
-    if (!find) {
-      SetErrorCode(ERROR_OUTOFMEMORY);
-      return 0;
-    }
-    if (!FindSetPos(find.get(), entry)) return 0;
+    const std::unique_ptr<CArchiveFindFile> find = NewSearch(*this);
+    if (!find || !FindSetPos(find.get(), entry)) return 0;
     // The entry's folder is created below the target whatever the
     // keep-folder option says, so it must not climb out of it.
     if (!IsContainedFolder(entry.Path)) {
