@@ -108,11 +108,11 @@ std::vector<std::uint8_t> StoredData(const Item& item) {
   if (item.Method != 1) return item.Contents;
   DWORD error = 0, size = 0;
   const DWORD n = static_cast<DWORD>(item.Contents.size());
-  if (!GetCompressMemToMem(item.Contents.data(), n, &error, &size, nullptr, 0, 1))
-    throw std::runtime_error("size query of the compressed block failed");
-  std::vector<std::uint8_t> block(size);
-  if (!GetCompressMemToMem(item.Contents.data(), n, &error, &size, block.data(), size, 1))
-    throw std::runtime_error("compression failed");
+  // Nine bits per literal at worst, plus the block header and the end code.
+  std::vector<std::uint8_t> block(n + n / 4 + 64);
+  if (!GetCompressMemToMem(item.Contents.data(), n, &error, &size, block.data(),
+                           static_cast<DWORD>(block.size()), 1))
+    throw std::runtime_error("compression failed: " + std::to_string(error));
   // The block's 16-byte header is followed by the compressed stream.
   return std::vector<std::uint8_t>(block.begin() + 16, block.begin() + size);
 }
