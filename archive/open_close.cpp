@@ -2,9 +2,10 @@
 //
 // Records appended to a volume become part of it only when a flush writes
 // the header with the new archive size. CommittedSize is the size the file
-// had at that moment (or when it was opened); while an error is latched
-// every flush cuts the file back to it. A volume created by this object
-// whose header was never committed does not survive a failed close.
+// had at that moment (or when it was opened). While an error is latched a
+// flush cuts the file back to the committed size; a header that changed is
+// written, and so committed, before that cut. A volume created by this
+// object whose header was never committed does not survive a failed close.
 #include "archive/archive_data.h"
 #include "archive/volume_io.h"
 #include "foundation/paths.h"
@@ -32,8 +33,7 @@ int BeginOpen(CArchiveFile& archive, int forWriting, bool createFolders) {
   }
   // A refusal carries whatever the media layer latched.
   if (!Access::DoLoadMedia(archive, root.c_str(), forWriting)) return 0;
-  if (createFolders && !CreateDirectoryTree(BuildRootPath(d.ArchiveName.c_str()).c_str(),
-                                            d.ArchiveName.c_str(), 0)) {
+  if (createFolders && !CreateDirectoryTree(root.c_str(), d.ArchiveName.c_str(), 0)) {
     archive.SetErrorCode(LastErrorOr());
     return 0;
   }

@@ -1,0 +1,251 @@
+// Opening, committing, rolling back and closing volumes on a fixed drive.
+#include "archive/archive_test_util.h"
+
+using namespace test;
+
+namespace {
+
+class OpenCloseTest : public ::testing::Test {
+protected:
+  TempDir dir;
+  RecordArchive a;
+  std::string host = dir.Host("v.arc");
+
+  void Name(const std::string& relative = "v.arc") {
+    ASSERT_TRUE(a.FileName(dir.Win(relative).c_str(), nullptr));
+  }
+
+  // A committed volume holding the named entries, one byte of data each.
+  void MakeVolume(const std::vector<std::string>& names) {
+    Name();
+    ASSERT_TRUE(a.CreateOpen(1, 1));
+    for (const std::string& n : names) {
+      CArchiveEntry e = FileEntry(W(n), CString(), 1);
+      ASSERT_TRUE(AppendEntry(a, e, AsBytes("#")));
+    }
+    ASSERT_TRUE(a.Close());
+  }
+};
+
+TEST_F(OpenCloseTest, CreateRefusesAnExistingFileUnlessOverwriting) {
+  WriteFile(host, "precious");
+  Name();
+  EXPECT_FALSE(a.CreateOpen(0, 0));
+  EXPECT_EQ(a.GetErrorCode(), ERROR_FILE_EXISTS);
+  EXPECT_FALSE(a.IsOpen());
+  EXPECT_EQ(ReadText(host), "precious");
+
+  ASSERT_TRUE(a.CreateOpen(1, 0));
+  EXPECT_FALSE(a.IsError());
+  EXPECT_TRUE(a.IsWritable());
+  EXPECT_FALSE(a.IsReadable());
+  EXPECT_FALSE(a.IsContinue());
+  EXPECT_EQ(a.GetDiskNo(), 0u);
+  ASSERT_TRUE(a.Close());
+  EXPECT_EQ(ReadFile(host), Bytes().Header(20).Get());
+}
+
+TEST_F(OpenCloseTest, CreateMakesMissingFolders) {
+  Name("a/b/c/v.arc");
+  ASSERT_TRUE(a.CreateOpen(0, 1)) << a.GetErrorCode();
+  EXPECT_TRUE(a.IsReadable());
+  ASSERT_TRUE(a.Close());
+  EXPECT_EQ(ReadFile(dir.Host("a/b/c/v.arc")).size(), 20u);
+}
+
+TEST_F(OpenCloseTest, ReadOpenRejections) {
+  struct Case {
+    const char* what;
+    std::vector<std::uint8_t> bytes;
+    DWORD code;
+  };
+  std::vector<std::uint8_t> nineteen = Bytes().Header(20).Get();
+  nineteen.pop_back();
+  std::vector<std::uint8_t> badMagic = Bytes().Header(20).Get();
+  badMagic[0] = 'a';
+  std::vector<std::uint8_t> badMarker = Bytes().Header(20).Get();
+  badMarker[8] = 0x1B;
+  const std::vector<Case> cases = {
+      {"19 bytes", nineteen, ERROR_INVALID_DATATYPE},
+      {"empty file", {}, ERROR_INVALID_DATATYPE},
+      {"version 1", Bytes().Header(20, 0, 1).Get(), ERROR_INVALID_DATATYPE},
+      {"magic", badMagic, ERROR_INVALID_DATATYPE},
+      {"marker", badMarker, ERROR_INVALID_DATATYPE},
+  };
+  Name();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    WriteFile(host, c.bytes);
+    a.ClearError();
+    EXPECT_FALSE(a.ReadOpen());
+    EXPECT_EQ(a.GetErrorCode(), c.code);
+    EXPECT_FALSE(a.IsOpen());
+    EXPECT_EQ(ReadFile(host), c.bytes); // a reader never changes the file
+  }
+
+  a.ClearError();
+  Name("missing.arc");
+  EXPECT_FALSE(a.ReadOpen());
+  EXPECT_EQ(a.GetErrorCode(), ERROR_FILE_NOT_FOUND);
+  Name("nowhere/x.arc");
+  EXPECT_FALSE(a.ReadOpen());
+  EXPECT_EQ(a.GetErrorCode(), ERROR_PATH_NOT_FOUND);
+  EXPECT_FALSE(Exists(dir.Host("nowhere")));
+}
+
+TEST_F(OpenCloseTest, AnyVolumeNumberAndTheContinueBitAreAccepted) {
+  WriteFile(host, Bytes().Header(20, 0x8003).Get());
+  Name();
+  ASSERT_TRUE(a.WriteOpen(0, 0));
+  EXPECT_EQ(a.GetDiskNo(), 3u);
+  EXPECT_TRUE(a.IsContinue());
+  EXPECT_FALSE(a.IsReadable());
+  ASSERT_TRUE(a.Close());
+  EXPECT_EQ(a.GetDiskNo(), 0u); // closed: whatever the last volume was
+  EXPECT_FALSE(a.IsContinue());
+}
+
+TEST_F(OpenCloseTest, WriteOpenWithCreateKeepsAnExistingArchive) {
+  MakeVolume({"one", "two"});
+  const auto before = ReadFile(host);
+  ASSERT_TRUE(a.WriteOpen(1, 1));
+  EXPECT_EQ(a.GetArchiveSize().GetValue(), before.size());
+  EXPECT_EQ(ListEntries(a), (std::vector<std::string>{"one", "two"}));
+  ASSERT_TRUE(a.Close());
+  EXPECT_EQ(ReadFile(host), before);
+
+  // A missing file is created with a fresh header, folders included; so is
+  // an empty one.
+  Name("new/w.arc");
+  ASSERT_TRUE(a.WriteOpen(1, 0));
+  ASSERT_TRUE(a.Close());
+  EXPECT_EQ(ReadFile(dir.Host("new/w.arc")), Bytes().Header(20).Get());
+  WriteFile(dir.Host("empty.arc"), "");
+  Name("empty.arc");
+  ASSERT_TRUE(a.WriteOpen(1, 0));
+  ASSERT_TRUE(a.Close());
+  EXPECT_EQ(ReadFile(dir.Host("empty.arc")), Bytes().Header(20).Get());
+
+  // Without create a missing file is an error and nothing is made.
+  Name("absent.arc");
+  EXPECT_FALSE(a.WriteOpen(0, 1));
+  EXPECT_EQ(a.GetErrorCode(), ERROR_FILE_NOT_FOUND);
+  EXPECT_FALSE(Exists(dir.Host("absent.arc")));
+}
+
+TEST_F(OpenCloseTest, WriteOpenLeavesAForeignFileAlone) {
+  const std::string text = "this is not an archive, and it is longer than twenty bytes";
+  WriteFile(host, text);
+  Name();
+  EXPECT_FALSE(a.WriteOpen(1, 1));
+  EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_DATATYPE);
+  EXPECT_FALSE(a.IsOpen());
+  EXPECT_EQ(ReadText(host), text);
+}
+
+TEST_F(OpenCloseTest, UncommittedNewVolumeIsDeletedOnAFailedClose) {
+  Name();
+  ASSERT_TRUE(a.CreateOpen(1, 1));
+  a.SetErrorCode(ERROR_WRITE_FAULT); // an operation failed before any commit
+  EXPECT_TRUE(a.Close());
+  EXPECT_FALSE(Exists(host));
+  EXPECT_TRUE(a.IsError()); // the latch survives the close
+  EXPECT_EQ(a.GetErrorCode(), ERROR_WRITE_FAULT);
+
+  // The same volume closed without an error stays.
+  a.ClearError();
+  ASSERT_TRUE(a.CreateOpen(1, 1));
+  ASSERT_TRUE(a.Close());
+  EXPECT_TRUE(Exists(host));
+
+  // A volume that existed before the open is never deleted.
+  ASSERT_TRUE(a.WriteOpen(0, 1));
+  a.SetErrorCode(ERROR_WRITE_FAULT);
+  a.Close();
+  EXPECT_EQ(ReadFile(host), Bytes().Header(20).Get());
+}
+
+TEST_F(OpenCloseTest, FlushCommitsTheHeaderAndTrimsTheFile) {
+  MakeVolume({"a"});
+  const std::uint64_t committed = ReadFile(host).size();
+  ASSERT_TRUE(a.WriteOpen(0, 1));
+
+  // Bytes beyond the archive size (an unfinished record) are not part of
+  // the volume and go at the next commit.
+  const std::vector<std::uint8_t> garbage(300, 0xEE);
+  DWORD put = 0;
+  LONG high = 0;
+  SetFilePointer(a.Handle(), 0, &high, FILE_END);
+  ASSERT_TRUE(::WriteFile(a.Handle(), garbage.data(), 300, &put, nullptr));
+  CArchiveEntry e = FileEntry(u"b", CString(), 2);
+  ASSERT_TRUE(AppendEntry(a, e, AsBytes("bb")));
+  EXPECT_EQ(e.EntryOffset.GetValue(), committed);
+  // Still the old header on disk: readers see only "a".
+  EXPECT_EQ(ReadFile(host)[12], static_cast<std::uint8_t>(committed));
+
+  ASSERT_TRUE(a.Flush());
+  const auto file = ReadFile(host);
+  EXPECT_EQ(file.size(), a.GetArchiveSize().GetValue());
+  EXPECT_EQ(file[12], static_cast<std::uint8_t>(file.size()));
+  EXPECT_EQ(a.Data().CommittedSize, file.size());
+  EXPECT_FALSE(a.Data().Flags & FlagHeaderDirty);
+  ASSERT_TRUE(a.Close());
+  ASSERT_TRUE(a.ReadOpen());
+  EXPECT_EQ(ListEntries(a), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(OpenCloseTest, LatchedErrorCutsBackToTheCommittedSize) {
+  MakeVolume({"a"});
+  const auto before = ReadFile(host);
+  ASSERT_TRUE(a.WriteOpen(0, 1));
+  CArchiveEntry e = FileEntry(u"b", CString(), 2);
+  ASSERT_TRUE(AppendEntry(a, e, AsBytes("bb")));
+  // The operation gives up; its header change is abandoned.
+  a.Data().Header.ArchiveSize = before.size();
+  a.Data().Flags &= ~FlagHeaderDirty;
+  a.SetErrorCode(ERROR_CRC);
+  EXPECT_TRUE(a.Flush());
+  EXPECT_EQ(ReadFile(host), before);
+  EXPECT_EQ(a.GetArchiveSize().GetValue(), before.size());
+  EXPECT_TRUE(a.Close());
+  EXPECT_EQ(ReadFile(host), before);
+}
+
+TEST_F(OpenCloseTest, FlushOfAReadVolumeWritesNothing) {
+  MakeVolume({"a"});
+  std::vector<std::uint8_t> bytes = ReadFile(host);
+  bytes.push_back(0x55); // a stray byte beyond the archive size
+  WriteFile(host, bytes);
+  ASSERT_TRUE(a.ReadOpen());
+  a.Data().Flags |= FlagHeaderDirty;
+  EXPECT_TRUE(a.Flush());
+  EXPECT_FALSE(a.Data().Flags & FlagHeaderDirty);
+  EXPECT_TRUE(a.Close());
+  EXPECT_EQ(ReadFile(host), bytes);
+}
+
+TEST_F(OpenCloseTest, FlushAndCloseNeedAnOpenVolume) {
+  EXPECT_FALSE(a.Flush());
+  EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_HANDLE);
+  a.ClearError();
+  EXPECT_FALSE(a.Close());
+  EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_HANDLE);
+}
+
+TEST_F(OpenCloseTest, BusySurvivesOpenAndCloseAndOpenClearsTheRest) {
+  MakeVolume({});
+  a.Data().Flags |= FlagBusy | FlagMediaChanged;
+  a.SetErrorCode(ERROR_CRC);
+  ASSERT_TRUE(a.ReadOpen());
+  EXPECT_TRUE(a.IsBusy());
+  EXPECT_FALSE(a.IsError()); // an open starts with a clean latch
+  EXPECT_FALSE(a.IsMediaChanged());
+  a.SetErrorCode(ERROR_CRC);
+  EXPECT_TRUE(a.Close());
+  EXPECT_TRUE(a.IsBusy());
+  EXPECT_TRUE(a.IsError()); // a close keeps it
+  EXPECT_EQ(a.Data().Flags & ~(FlagBusy | FlagError), 0u);
+  EXPECT_EQ(a.Data().CommittedSize, 0u);
+}
+
+} // namespace

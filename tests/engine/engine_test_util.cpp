@@ -1,0 +1,108 @@
+#include "engine_test_util.h"
+
+#include "support/test_support.h"
+
+#include <algorithm>
+#include <filesystem>
+
+namespace enginetest {
+
+Bytes FromString(const std::string& text) { return Bytes(text.begin(), text.end()); }
+
+Bytes Compress(const Bytes& data, bool general) {
+  VirtualEngine virtualEngine;
+  CEncodeDecode1 directEngine;
+  CEncodeDecode1& engine = general ? virtualEngine : directEngine;
+  if (!engine.Create(13, 256)) return {};
+  Bytes out(data.size() * 9 / 8 + 64);
+  CFileBit bits;
+  bits.SetMemory(out.data(), out.size());
+  bits.Allocate();
+  CFileCRC source;
+  source.SetMemory(data.data(), data.size());
+  DWORD error = 0;
+  engine.Encode(&source, &bits, &error);
+  bits.Finish();
+  out.resize(bits.Position.GetValue());
+  return out;
+}
+
+Bytes Expand(const Bytes& stream, std::size_t limit, bool general, int* ok, DWORD* error) {
+  VirtualEngine virtualEngine;
+  CEncodeDecode1 directEngine;
+  CEncodeDecode1& engine = general ? virtualEngine : directEngine;
+  engine.Create(13, 256);
+  Bytes out(limit);
+  CFileBit bits;
+  bits.SetMemory(stream.data(), stream.size());
+  bits.Allocate();
+  CFileCRC sink;
+  sink.SetMemory(out.data(), out.size());
+  DWORD e = error ? *error : 0;
+  const int result = engine.Decode(&sink, &bits, &e);
+  if (ok) *ok = result;
+  if (error) *error = e;
+  out.resize(sink.Position.GetValue());
+  return out;
+}
+
+std::vector<Code> ParseCodes(const Bytes& stream) {
+  std::vector<Code> codes;
+  std::size_t bit = 0;
+  const std::size_t total = stream.size() * 8;
+  auto take = [&](unsigned n, unsigned& value) {
+    if (bit + n > total) return false;
+    value = 0;
+    for (unsigned i = 0; i < n; ++i, ++bit)
+      value = (value << 1) | ((stream[bit / 8] >> (7 - bit % 8)) & 1);
+    return true;
+  };
+  unsigned c = 0;
+  while (take(9, c)) {
+    if (c < 0x100) {
+      codes.push_back({Code::Literal, c, 0});
+    } else if (c == 0x1FF) {
+      codes.push_back({Code::End, 0, 0});
+      break;
+    } else {
+      unsigned p = 0;
+      if (!take(13, p)) break;
+      codes.push_back({Code::Match, c - 253, p + 1});
+    }
+  }
+  return codes;
+}
+
+std::vector<std::string> CorpusFiles() {
+  std::vector<std::string> files;
+  const std::filesystem::path dir(ENGINE_CORPUS_DIR);
+  std::error_code ec;
+  if (dir.empty() || !std::filesystem::is_directory(dir, ec)) return files;
+  for (const auto& e : std::filesystem::directory_iterator(dir))
+    if (e.is_regular_file() && e.path().filename() != "README.md")
+      files.push_back(e.path().string());
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+Bytes ReadAll(const std::string& hostPath) { return test::ReadFile(hostPath); }
+
+Bytes TextLike(std::size_t size, std::uint32_t seed) {
+  static const char* const words[] = {"the ",   "archive ", "of ",    "and ",    "volume ",
+                                      "entry ", "data ",    "to ",    "file ",   "in ",
+                                      "a ",     "stream ",  "match ", "window ", "\n"};
+  Bytes out;
+  out.reserve(size);
+  std::uint32_t x = seed ? seed : 1;
+  while (out.size() < size) {
+    x = x * 1103515245u + 12345u;
+    const char* w = words[(x >> 16) % 15];
+    for (const char* p = w; *p && out.size() < size; ++p)
+      out.push_back(static_cast<std::uint8_t>(*p));
+    if (((x >> 8) & 31) == 0) out.push_back(static_cast<std::uint8_t>('0' + (x >> 24) % 10));
+  }
+  out.resize(size);
+  return out;
+}
+
+} // namespace enginetest
