@@ -24,7 +24,8 @@ std::string JsonEntry(const CArchiveEntry& entry, DWORD volume) {
   text += std::string(", \"type\": ") + (directory ? "\"folder\"" : "\"file\"");
   text += ", \"size\": " + std::to_string(EntrySize(entry));
   text += ", \"packed\": " + std::to_string(entry.PackedSize.GetValue());
-  text += ", \"method\": " + std::to_string(entry.CompressType & ~kContinued);
+  text += ", \"method\": " +
+          (directory ? std::string("null") : std::to_string(entry.CompressType & ~kContinued));
   text += ", \"method_name\": " + JsonString(directory ? "" : MethodName(entry.CompressType));
   text += ", \"crc\": " + JsonString(Hex8(entry.Crc));
   text += ", \"attributes\": " + std::to_string(attributes);

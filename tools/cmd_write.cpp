@@ -201,9 +201,8 @@ int RunCreate(Session& session) {
   if (!ok) return session.Fail(host);
 
   if (numbered && o.force) RemoveStaleVolumes(host.FileName());
-  session.Result("created " + (numbered ? ToHostPath(host.FileName()) : ToHostPath(archiveFull)) +
-                 ": " + SizesText(host.Done()) + VolumesText(host, numbered) + " in " +
-                 SecondsText(session.progress.Seconds()));
+  session.Result("created " + o.archive + ": " + SizesText(host.Done()) +
+                 VolumesText(host, numbered) + " in " + SecondsText(session.progress.Seconds()));
   ReportLeftOut(session, host);
   return session.Outcome(host);
 }

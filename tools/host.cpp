@@ -129,10 +129,10 @@ int Host::CreateFirstVolume() {
 int Host::DoDiskChange(const WCHAR* root, CArchiveEntry& entry, const WCHAR* otherPath, int first,
                        int noFirstPrompt) {
   const int ok = CArchiveFile::DoDiskChange(root, entry, otherPath, first, noFirstPrompt);
-  if (!ok) {
-    subject_ = ArchiveHostPath();
-    activity_ = first ? Activity::OpenArchive : Activity::ReadArchive;
-  } else if (!first && mode_ != HostMode::Read) {
+  // Until an entry is handled, what fails is the archive's reading.
+  subject_ = ArchiveHostPath();
+  activity_ = !ok && first ? Activity::OpenArchive : Activity::ReadArchive;
+  if (ok && !first && mode_ != HostMode::Read) {
     Say("volume " + std::to_string(GetDiskNo() + 1) + ": " + ArchiveHostPath());
   }
   return ok;
@@ -142,10 +142,9 @@ int Host::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHAR* other
                      int noFirstPrompt) {
   const int ok = CArchiveFile::DoDiskFull(root, entry, otherPath, first, noFirstPrompt);
   if (ok && IsOpen()) ++volumesWritten_;
-  if (!ok || !IsOpen()) {
-    subject_ = ArchiveHostPath();
-    activity_ = first ? Activity::CreateArchive : Activity::WriteArchive;
-  } else if (!first) {
+  subject_ = ArchiveHostPath();
+  activity_ = first && (!ok || !IsOpen()) ? Activity::CreateArchive : Activity::WriteArchive;
+  if (ok && IsOpen() && !first) {
     Say("volume " + std::to_string(GetDiskNo() + 1) + ": " + ArchiveHostPath());
   }
   return ok;
@@ -465,6 +464,7 @@ int Host::DoCreate(const WCHAR* targetDir, const WCHAR* root, const WCHAR* folde
   const DWORD code = GetErrorCode();
   subject_ = ToHostPath(outputPath);
   activity_ = Activity::ExtractEntry;
+  itemSubject_ = subject_;
   if (result == 0 && !overwriteAsked_ && code == ERROR_CANCELLED && !Interrupted()) {
     // A folder stands where a file goes, or a file where a folder goes: the
     // library refuses without a question. Only this entry is given up.
@@ -552,6 +552,7 @@ int Host::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEntry& ent
   const std::string path = EntryPath(entry);
   itemLocalFailure_ = false;
   itemSkipped_ = false;
+  itemSubject_.clear();
   if (!skip) {
     subject_ = path;
     activity_ = mode_ == HostMode::Test ? Activity::CheckEntry : Activity::ExtractEntry;
@@ -573,7 +574,8 @@ int Host::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEntry& ent
   // is reported and the walk goes on: the search is already behind it,
   // unless its data goes on in a further volume.
   if (isFile && itemLocalFailure_ && (entry.CompressType & kContinued) == 0 && MayGoOnAfter(code)) {
-    ReportFailure({code == ERROR_INVALID_DATATYPE ? path : subject_, code, activity_});
+    ReportFailure({itemSubject_.empty() ? path : itemSubject_, code,
+                   mode_ == HostMode::Test ? Activity::CheckEntry : Activity::ExtractEntry});
     ClearError();
     return 1;
   }

@@ -75,6 +75,9 @@ public:
   // What was processed: added or extracted or tested files, folders, bytes.
   const Totals& Done() const { return done_; }
   std::uint64_t SkippedExisting() const { return skippedExisting_; }
+  // Whether a question had to be answered "stop" because there was no
+  // terminal to ask on (then the cancellation is not the person's).
+  bool CouldNotAsk() const { return couldNotAsk_; }
   // Volumes created while adding.
   DWORD VolumesWritten() const { return volumesWritten_; }
 
@@ -167,6 +170,7 @@ private:
   std::string itemKey_;
   std::uint64_t itemSize_ = 0;
   std::string subject_;
+  std::string itemSubject_; // the output that could not be made
   Activity activity_ = Activity::General;
   // Set when the failure of the current item arose in a step that leaves
   // the archive in step (the source could not be read, the output could
@@ -175,6 +179,7 @@ private:
   bool overwriteAsked_ = false;
   bool itemSkipped_ = false;
   bool mediaStop_ = false;
+  bool couldNotAsk_ = false;
   DWORD volumesWritten_ = 0;
   CString sourceBase_;
   CString skipArchive_;
