@@ -187,9 +187,11 @@ int Host::AskForMedium(const WCHAR* root, DWORD diskNo, int forWriting, bool wro
     const auto answer =
         AskTerminal(why + want + "\nFolder of the medium [" + suggestion + "], or q to stop: ");
     if (!answer) {
-      if (!CanAsk())
+      if (!CanAsk()) {
+        couldNotAsk_ = true;
         progress_.Print(stderr, "talvern: drive " + letter + " needs the medium for " + disk +
                                     ", and there is no terminal to ask on");
+      }
       break;
     }
     if (*answer == "q") break;
@@ -395,10 +397,12 @@ CArchiveFile::COverwriteOperation Host::AskOverwrite(const std::string& path,
   while (true) {
     const auto answer = AskTerminal(question);
     if (!answer) {
-      if (!CanAsk())
+      if (!CanAsk()) {
+        couldNotAsk_ = true;
         progress_.Print(stderr, "talvern: " + path +
-                                    " exists and there is no terminal to ask "
-                                    "on; use --overwrite to choose");
+                                    " exists and there is no terminal to ask on; use "
+                                    "--overwrite to choose");
+      }
       return OverwriteCancel;
     }
     if (*answer == "r" || *answer == "y") return OverwriteReplace;

@@ -29,6 +29,9 @@ int Session::Fail(DWORD code, Activity activity, const std::string& subject) {
 
 int Session::Fail(const Host& host) {
   const ItemFailure failure = host.CurrentFailure();
+  // A question that could not be asked has been explained already.
+  if (failure.code == ERROR_CANCELLED && host.CouldNotAsk() && !Interrupted())
+    return kExitSomeFailed;
   if (failure.code == ERROR_SUCCESS) {
     Error("the operation failed without an error code");
     return kExitSomeFailed;
