@@ -144,9 +144,10 @@ int RunExtract(Session& session) {
   summary += " (" + HumanSize(done.bytes) + ") to " + ToHostPath(target) + " in " +
              Seconds(session.progress.Seconds());
   session.Result(summary);
-  if (host.SkippedExisting() != 0)
-    session.Result(std::to_string(host.SkippedExisting()) +
-                   " existing files were left alone (--overwrite chooses what to do)");
+  if (const std::uint64_t skipped = host.SkippedExisting())
+    session.Result(std::to_string(skipped) +
+                   (skipped == 1 ? " existing file was" : " existing files were") +
+                   " left alone (--overwrite chooses what to do)");
   int outcome = session.Outcome(host);
   for (std::size_t i = 0; i < hits.size(); ++i) {
     if (!hits[i]) {
