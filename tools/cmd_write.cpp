@@ -86,6 +86,26 @@ void RemoveStaleVolumes(const CString& lastVolume) {
   }
 }
 
+// A create that failed or was cancelled leaves no archive behind: the
+// volumes it wrote (which hold at most the entries before the failure)
+// are removed. Media in a removable drive are left as they are.
+void RemoveIncomplete(Session& session, const Host& host, const CString& archive, bool numbered) {
+  if (session.drives.IsRemovable(archive.c_str())) return;
+  std::vector<CString> volumes;
+  DWORD last = 0;
+  if (!numbered)
+    volumes.push_back(archive);
+  else if (VolumeNumberOf(host.FileName(), last))
+    for (DWORD number = 0; number <= last; ++number)
+      volumes.push_back(VolumeName(WithoutExtension(host.FileName()), number));
+  for (DWORD number = 0; number < volumes.size(); ++number) {
+    const VolumeHeader header = ReadVolumeHeader(volumes[number]);
+    if (!header.valid || header.number != (numbered ? number : 0)) continue;
+    if (DeleteFileW(volumes[number].c_str()))
+      session.Error("removed the incomplete volume " + ToHostPath(volumes[number]));
+  }
+}
+
 // The limit to keep when adding to a numbered set without --volume-size:
 // the largest of its full volumes (all but the last).
 CArchiveSize InferredLimit(const CString& firstVolume) {
@@ -198,7 +218,11 @@ int RunCreate(Session& session) {
     }
   }
   session.progress.End();
-  if (!ok) return session.Fail(host);
+  if (!ok) {
+    const int code = session.Fail(host);
+    RemoveIncomplete(session, host, archiveFull, numbered);
+    return code;
+  }
 
   if (numbered && o.force) RemoveStaleVolumes(host.FileName());
   session.Result("created " + o.archive + ": " + SizesText(host.Done()) +

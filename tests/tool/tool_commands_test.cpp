@@ -301,6 +301,17 @@ TEST_F(ToolTest, CreateReplacesOnlyWithForce) {
   EXPECT_EQ(CompareTrees(Tree() + "/src", Path("out-set")), "");
 }
 
+TEST_F(ToolTest, FailedCreateLeavesNoArchive) {
+  // A fixed drive too small for the tree: the disk fills up and there is no
+  // further volume to go to.
+  const std::string drive = "B:=" + Path("small") + ",fixed,size=40K";
+  const RunResult r = Tool({"create", "--drive", drive, "B:/x.arc", "tree"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_TRUE(Contains(r.err, "the disk is full (error 112 ERROR_DISK_FULL)")) << r.err;
+  EXPECT_TRUE(Contains(r.err, "removed the incomplete volume")) << r.err;
+  EXPECT_FALSE(test::Exists(Path("small/x.arc")));
+}
+
 TEST_F(ToolTest, UnreadableFileIsLeftOutAndReported) {
   ASSERT_EQ(mkfifo(Path("tree/data/pipe").c_str(), 0644), 0);
   RunResult r = Tool({"create", "a.arc", "tree"});
