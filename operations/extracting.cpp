@@ -340,6 +340,11 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
     } else {
       skip = 1;
     }
+    // Where permissions and the read-only attribute are one thing, the
+    // restored descriptor of a read-only item leaves the new, still empty
+    // output without write permission. Its contents must still go in: the
+    // output is writable until it gets its stored attributes at the end.
+    if (created && descriptor) SetFileAttributesW(outputPath.c_str(), FILE_ATTRIBUTE_NORMAL);
   }
 
   if (ok && !isDirectory) {
