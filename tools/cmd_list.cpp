@@ -71,14 +71,8 @@ struct Summary {
   void Add(const CArchiveEntry& entry) {
     if (entry.CompressType & kContinued) ++split;
     if (entry.Security != nullptr && entry.Security->Length != 0) ++withSecurity;
-    if (IsDirectory(entry)) {
-      ++totals.folders;
-      return;
-    }
-    ++totals.files;
-    totals.bytes += EntrySize(entry);
-    totals.packed += entry.PackedSize.GetValue();
-    ++methods[MethodName(entry.CompressType)];
+    totals.Add(entry);
+    if (!IsDirectory(entry)) ++methods[MethodName(entry.CompressType)];
   }
 };
 

@@ -19,14 +19,7 @@ Totals PlannedTotals(Session& session, Host& host) {
     EntryWalker walker(host);
     if (walker.Start()) {
       CArchiveEntry entry;
-      while (walker.Next(entry) == 1) {
-        if (IsDirectory(entry)) {
-          ++totals.folders;
-        } else {
-          ++totals.files;
-          totals.bytes += EntrySize(entry);
-        }
-      }
+      while (walker.Next(entry) == 1) totals.Add(entry);
     }
   }
   if (host.IsOpen()) host.Close();

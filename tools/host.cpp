@@ -42,6 +42,20 @@ double Part(std::uint64_t done, std::uint64_t total) {
 
 } // namespace
 
+void Totals::Add(bool isFile, std::uint64_t size, std::uint64_t packedSize) {
+  if (!isFile) {
+    ++folders;
+    return;
+  }
+  ++files;
+  bytes += size;
+  packed += packedSize;
+}
+
+void Totals::Add(const CArchiveEntry& entry) {
+  Add(!IsDirectory(entry), EntrySize(entry), entry.PackedSize.GetValue());
+}
+
 Host::Host(const Options& options, OverwritePolicy overwrite, Progress& progress, Drives& drives)
     : options_(options), overwrite_(overwrite), progress_(progress), drives_(drives),
       filter_(options.includes, options.excludes) {}
@@ -317,13 +331,8 @@ void Host::CountTree(const CString& baseDir, const CString& folder, Totals& tota
 }
 
 void Host::CountItem(const CString& baseDir, CArchiveEntry& item, Totals& totals) const {
-  if (!IsDirectory(item)) {
-    ++totals.files;
-    totals.bytes += EntrySize(item);
-    return;
-  }
-  ++totals.folders;
-  if (!(options_.srch & SrchNoRecurse))
+  totals.Add(!IsDirectory(item), EntrySize(item), 0);
+  if (IsDirectory(item) && !(options_.srch & SrchNoRecurse))
     CountTree(baseDir, EntryPathOf(item.Path, item.FindData.cFileName), totals);
 }
 
@@ -491,13 +500,7 @@ int Host::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& ent
   const DWORD diskBefore = GetDiskNo();
   itemLocalFailure_ = false;
   if (CArchiveFile::DoCompress(root, baseDir, entry, srch, attr)) {
-    if (isFile) {
-      ++done_.files;
-      done_.bytes += size;
-      done_.packed += entry.PackedSize.GetValue();
-    } else {
-      ++done_.folders;
-    }
+    done_.Add(isFile, size, isFile ? entry.PackedSize.GetValue() : 0);
     return 1;
   }
   const DWORD code = GetErrorCode();
@@ -562,15 +565,7 @@ int Host::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEntry& ent
     activity_ = mode_ == HostMode::Test ? Activity::CheckEntry : Activity::ExtractEntry;
   }
   if (CArchiveFile::DoExpand(targetDir, root, entry, srch, attr, find, skip)) {
-    if (!skip && !itemSkipped_) {
-      if (isFile) {
-        ++done_.files;
-        done_.bytes += size;
-        done_.packed += entry.PackedSize.GetValue();
-      } else {
-        ++done_.folders;
-      }
-    }
+    if (!skip && !itemSkipped_) done_.Add(isFile, size, isFile ? entry.PackedSize.GetValue() : 0);
     return 1;
   }
   const DWORD code = GetErrorCode();

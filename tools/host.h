@@ -38,6 +38,9 @@ struct Totals {
   std::uint64_t folders = 0;
   std::uint64_t bytes = 0;  // original sizes
   std::uint64_t packed = 0; // stored sizes
+
+  void Add(bool isFile, std::uint64_t size, std::uint64_t packedSize);
+  void Add(const CArchiveEntry& entry);
 };
 
 class Host : public CArchiveFile {
