@@ -16,6 +16,11 @@ constexpr DWORD FlagMediaChanged = 0x20000000;
 constexpr DWORD FlagBusy = 0x40000000;
 constexpr DWORD FlagError = 0x80000000;
 
+// Bits of CArchiveFileData::DefaultAnswers: which hooks last answered with
+// the library's own body.
+constexpr DWORD DefaultAnsweredDiskFull = 0x00000001;  // DiskFullNotify
+constexpr DWORD DefaultAnsweredMediumAsk = 0x00000002; // DiskChangeNotify, InvalidDiskNotify
+
 // The 20-byte volume header, in memory.
 struct VolumeHeader {
   BYTE Magic[8];          // "ArchFile"
@@ -58,6 +63,11 @@ struct CArchiveFileData {
   HANDLE Handle = INVALID_HANDLE_VALUE;
   std::uint64_t CommittedSize = 0;
   VolumeHeader Header{};
+  // Set by the library's own bodies of DiskFullNotify, DiskChangeNotify and
+  // InvalidDiskNotify, so that the volume-full handling can tell a question
+  // answered by a host from one answered by the defaults (whose exchange
+  // would otherwise repeat without end).
+  DWORD DefaultAnswers = 0;
 
   // The effective size limit of the current volume: 0 means no limit.
   // (0xFFFFFFFF is returned as it is; callers treat it as no limit.)

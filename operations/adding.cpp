@@ -1,24 +1,626 @@
 // Adding files and directory trees.
-#include <talvern/archive.h>
+//
+// CompressAll makes a new archive from a directory tree; Compress adds one
+// item (a file, or a directory with its subtree) to an archive open for
+// writing. DoCompressAll walks one directory level, directories first (each
+// followed at once by its subtree), then files, so that a directory's record
+// always precedes the records of its contents. DoCompress stores one item:
+// the engine compresses a file into a temporary file, the smaller of that
+// file and the source is copied into the archive in cluster-aligned pieces
+// within the volume limit, and a full volume hands over to DoDiskFull, which
+// continues the entry on the next volume.
+#include "archive/archive_data.h"
+#include "archive/volume_io.h"
+#include "foundation/paths.h"
+#include "operations/security.h"
+#include "volumes/naming.h"
 
-int CArchiveFile::CompressAll(const WCHAR*, CSrchFlags, CAttrFlags) {
-  SetErrorCode(ERROR_CALL_NOT_IMPLEMENTED); // not yet
-  return 0;
+#include <algorithm>
+#include <memory>
+#include <new>
+
+using volume_io::LastErrorOr;
+using volume_io::QuerySize;
+using volume_io::SeekTo;
+
+namespace {
+
+// The copy buffer is the largest multiple of the cluster size that fits here.
+constexpr DWORD kMaxCopyBuffer = 262144;
+constexpr DWORD kContinuedBit = 0x80000000u;
+constexpr DWORD kOpenForScan = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN;
+
+// The four file attributes that selection tests and attribute flags change.
+constexpr DWORD kChangeableAttributes[] = {FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_HIDDEN,
+                                           FILE_ATTRIBUTE_SYSTEM, FILE_ATTRIBUTE_ARCHIVE};
+
+// An open file handle that is closed when it goes away.
+class FileHandle {
+public:
+  FileHandle() = default;
+  ~FileHandle() { Close(); }
+  FileHandle(const FileHandle&) = delete;
+  FileHandle& operator=(const FileHandle&) = delete;
+
+  HANDLE Get() const { return handle_; }
+  bool IsValid() const { return handle_ != INVALID_HANDLE_VALUE; }
+  void Reset(HANDLE handle) {
+    Close();
+    handle_ = handle;
+  }
+  void Close() {
+    if (IsValid()) CloseHandle(handle_);
+    handle_ = INVALID_HANDLE_VALUE;
+  }
+
+private:
+  HANDLE handle_ = INVALID_HANDLE_VALUE;
+};
+
+// A directory enumeration that is closed when it goes away.
+class FindHandle {
+public:
+  FindHandle(const WCHAR* pattern, WIN32_FIND_DATAW& data)
+      : handle_(FindFirstFileW(pattern, &data)) {}
+  ~FindHandle() {
+    if (IsValid()) FindClose(handle_);
+  }
+  FindHandle(const FindHandle&) = delete;
+  FindHandle& operator=(const FindHandle&) = delete;
+
+  bool IsValid() const { return handle_ != INVALID_HANDLE_VALUE; }
+  bool Next(WIN32_FIND_DATAW& data) { return FindNextFileW(handle_, &data) != 0; }
+
+private:
+  HANDLE handle_;
+};
+
+// The temporary file of one added file, deleted when it goes away.
+class TemporaryFile {
+public:
+  TemporaryFile() = default;
+  ~TemporaryFile() { Remove(); }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  void Adopt(CString name) { name_ = std::move(name); }
+  const WCHAR* Name() const { return name_.c_str(); }
+  void Remove() {
+    if (!name_.empty()) DeleteFileW(name_.c_str());
+    name_.clear();
+  }
+
+private:
+  CString name_;
+};
+
+// What the attribute flags make of the three options: each is on unless
+// exactly one bit of its pair is set.
+struct ItemOptions {
+  bool KeepTimes;
+  bool KeepFolder;
+  bool Security;
+};
+
+bool OptionOn(DWORD attr, DWORD lowBit) {
+  return ((attr & lowBit) != 0) == ((attr & (lowBit << 16)) != 0);
 }
 
-int CArchiveFile::Compress(const WCHAR*, CArchiveEntry&, CSrchFlags, CAttrFlags) {
-  SetErrorCode(ERROR_CALL_NOT_IMPLEMENTED); // not yet
-  return 0;
+ItemOptions ReadOptions(DWORD attr) {
+  return ItemOptions{OptionOn(attr, CArchiveFile::AttrNoTimes),
+                     OptionOn(attr, CArchiveFile::AttrNoPath),
+                     OptionOn(attr, CArchiveFile::AttrNoSecurity)};
 }
 
-int CArchiveFile::DoCompressAll(const WCHAR*, const WCHAR*, CArchiveEntry&, CSrchFlags,
-                                CAttrFlags) {
-  SetErrorCode(ERROR_CALL_NOT_IMPLEMENTED); // not yet
-  return 0;
+// The attributes as stored: without FILE_ATTRIBUTE_NORMAL, each changeable
+// attribute first cleared by its low bit, then inverted by its partner.
+DWORD StoredAttributes(DWORD attributes, DWORD attr) {
+  attributes &= ~FILE_ATTRIBUTE_NORMAL;
+  for (DWORD a : kChangeableAttributes) {
+    if (attr & a) attributes &= ~a;
+    if (attr & (a << 16)) attributes ^= a;
+  }
+  return attributes;
 }
 
-int CArchiveFile::DoCompress(const WCHAR*, const WCHAR*, CArchiveEntry&, CSrchFlags,
-                             CAttrFlags) {
-  SetErrorCode(ERROR_CALL_NOT_IMPLEMENTED); // not yet
-  return 0;
+bool IsZero(const FILETIME& t) { return t.dwLowDateTime == 0 && t.dwHighDateTime == 0; }
+
+FILETIME Now() {
+  SYSTEMTIME system{};
+  GetSystemTime(&system);
+  FILETIME now{};
+  SystemTimeToFileTime(&system, &now);
+  return now;
+}
+
+// Fills the times that are zero (all three when the item's own times are
+// not kept): creation from the default creation time or the current time,
+// last-write from its default or the creation time, last-access from its
+// default or the last-write time.
+void SettleTimes(WIN32_FIND_DATAW& data, bool keepTimes, const CArchiveFileData& state) {
+  FILETIME creation = keepTimes ? data.ftCreationTime : FILETIME{};
+  FILETIME lastWrite = keepTimes ? data.ftLastWriteTime : FILETIME{};
+  FILETIME lastAccess = keepTimes ? data.ftLastAccessTime : FILETIME{};
+  if (IsZero(creation)) creation = IsZero(state.DefaultCreate) ? Now() : state.DefaultCreate;
+  if (IsZero(lastWrite))
+    lastWrite = IsZero(state.DefaultLastWrite) ? creation : state.DefaultLastWrite;
+  if (IsZero(lastAccess))
+    lastAccess = IsZero(state.DefaultLastAccess) ? lastWrite : state.DefaultLastAccess;
+  data.ftCreationTime = creation;
+  data.ftLastWriteTime = lastWrite;
+  data.ftLastAccessTime = lastAccess;
+}
+
+std::uint64_t UncompressedSize(const WIN32_FIND_DATAW& data) {
+  return (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+}
+
+bool IsDotName(const WCHAR* name, bool ignoreCase) {
+  static const WCHAR kDot[] = {u'.', 0};
+  static const WCHAR kDotDot[] = {u'.', u'.', 0};
+  if (ignoreCase) return lstrcmpiW(name, kDot) == 0 || lstrcmpiW(name, kDotDot) == 0;
+  return lstrcmpW(name, kDot) == 0 || lstrcmpW(name, kDotDot) == 0;
+}
+
+// An item's name on disk: base directory, folder and name, joined by single
+// backslashes where both sides have text.
+CString JoinItemName(const WCHAR* baseDir, const CString& folder, const WCHAR* name) {
+  CString joined = baseDir != nullptr ? CString(baseDir) : CString();
+  if (!joined.empty() && !folder.empty()) joined += u'\\';
+  joined += folder;
+  if (!joined.empty()) joined += u'\\';
+  if (name != nullptr) joined += name;
+  return joined;
+}
+
+// The full form of a source or base path ("." when none is given), without
+// one trailing backslash. Empty on failure.
+CString PreparePath(const WCHAR* path) {
+  CString full = BuildFullPath(path);
+  if (!full.empty() && full.back() == u'\\') full.pop_back();
+  return full;
+}
+
+HANDLE OpenForScan(const WCHAR* name) {
+  return CreateFileW(name, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, kOpenForScan,
+                     nullptr);
+}
+
+// The engine's output is kept only when it is smaller than the original.
+bool IsSmallerThan(const WCHAR* name, std::uint64_t original) {
+  FileHandle file;
+  file.Reset(OpenForScan(name));
+  if (!file.IsValid()) return false;
+  std::uint64_t size = 0;
+  return QuerySize(file.Get(), size) && size < original;
+}
+
+// Bytes that may still be written at position before the volume limit of
+// the current volume. The low half of the limit serves every volume, the
+// high half (when not 0) the first one; 0 and 0xFFFFFFFF mean no limit.
+std::uint64_t RoomBeforeLimit(const CArchiveSize* limit, DWORD diskNo, std::uint64_t position) {
+  if (limit == nullptr) return UINT64_MAX;
+  DWORD cap = limit->LowPart;
+  if (diskNo == 0 && limit->HighPart != 0) cap = limit->HighPart;
+  if (cap == 0 || cap == 0xFFFFFFFFu) return UINT64_MAX;
+  return position < cap ? cap - position : 0;
+}
+
+bool CurrentPosition(HANDLE file, std::uint64_t& position) {
+  LONG high = 0;
+  SetLastError(ERROR_SUCCESS);
+  const DWORD low = SetFilePointer(file, 0, &high, FILE_CURRENT);
+  if (low == INVALID_SET_FILE_POINTER && GetLastError() != ERROR_SUCCESS) return false;
+  position = (static_cast<std::uint64_t>(static_cast<DWORD>(high)) << 32) | low;
+  return true;
+}
+
+DWORD WriteSome(HANDLE file, const BYTE* bytes, DWORD count) {
+  DWORD written = 0;
+  // A failing write counts as a short one: only the count matters.
+  WriteFile(file, bytes, count, &written, nullptr);
+  return std::min(written, count);
+}
+
+// Writes count bytes at the archive's current position and returns how many
+// were taken. When the medium takes less, it is nearly full: the rest is
+// offered up to the next cluster boundary and then in steps of whole
+// clusters whose number halves after every refusal, so that the medium is
+// filled to its last usable cluster.
+DWORD WriteFillingMedium(HANDLE file, const BYTE* bytes, DWORD count, DWORD cluster) {
+  DWORD written = WriteSome(file, bytes, count);
+  if (written == count) return written;
+  std::uint64_t position = 0;
+  if (!CurrentPosition(file, position)) return written;
+
+  DWORD rest = count - written;
+  DWORD piece = cluster - static_cast<DWORD>(position % cluster);
+  DWORD steps = rest / cluster > 1 ? rest / cluster : 0;
+  while (rest > 0) {
+    const DWORD wanted = std::min(piece, rest);
+    const DWORD got = WriteSome(file, bytes + written, wanted);
+    written += got;
+    rest -= got;
+    if (got == wanted) {
+      piece = steps != 0 ? steps * cluster : cluster;
+      continue;
+    }
+    if (steps == 0) break;
+    steps /= 2;
+    if (steps <= 1) {
+      steps = 0;
+      piece = cluster;
+    } else {
+      piece = steps * cluster;
+    }
+  }
+  return written;
+}
+
+// Records code as the one error of the operation, whatever was latched.
+void ReplaceError(CArchiveFile& archive, DWORD code) {
+  archive.ClearError();
+  archive.SetErrorCode(code);
+}
+
+} // namespace
+
+// ---- Whole trees and single items ------------------------------------------------------
+
+int CArchiveFile::CompressAll(const WCHAR* sourcePath, CSrchFlags srch, CAttrFlags attr) {
+  CArchiveEntry entry;
+  const int noFirstPrompt = (srch & SrchNoFirstPrompt) ? 1 : 0;
+  srch &= ~SrchNoFirstPrompt;
+
+  const CString source = PreparePath(sourcePath);
+  const CString root = BuildRootPath(m_Data->ArchiveName.c_str());
+  if (source.empty() || root.empty() || IsBusy()) {
+    SetErrorCode(ERROR_PATH_BUSY);
+    return 0;
+  }
+  ClearError();
+
+  int result = 0;
+  if (!CompressStartNotify()) {
+    SetAbort();
+  } else {
+    entry.Clear();
+    result = DoDiskFull(root.c_str(), entry, nullptr, 1, noFirstPrompt);
+    if (result && !IsOpen()) {
+      // A file of the first volume's name that is not an archive's first
+      // volume was found and left alone: nothing can be written.
+      ReplaceError(*this, ERROR_FILE_EXISTS);
+      result = 0;
+    }
+    if (result) {
+      entry.Clear();
+      m_Data->Flags |= FlagBusy;
+      result = DoCompressAll(root.c_str(), source.c_str(), entry, srch, attr);
+      m_Data->Flags &= ~FlagBusy;
+    }
+  }
+
+  // The archive is always left closed; a failed close fails a good result.
+  if (IsOpen()) {
+    if (result)
+      result = Close();
+    else
+      Close();
+  }
+  CompressCompleteNotify(result);
+  return result;
+}
+
+int CArchiveFile::Compress(const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlags srch,
+                           CAttrFlags attr) {
+  CArchiveFileData& d = *m_Data;
+  ClearError();
+  int result = 1;
+  if (IsBusy()) {
+    SetErrorCode(ERROR_PATH_BUSY);
+    result = 0;
+  }
+  if (!CompressStartNotify()) {
+    SetAbort();
+    result = 0;
+  }
+
+  auto add = [&]() -> int {
+    if (baseDir == nullptr || !IsOpen() || !(d.Flags & FlagWritable) || IsContinue()) {
+      SetErrorCode(ERROR_ACCESS_DENIED);
+      return 0;
+    }
+    if (entry.EntryOffset.GetValue() == 0) entry.EntryOffset = d.Header.ArchiveSize;
+    // A host's position must lie between the first record and the end of
+    // the archive: anything else would overwrite the header or leave a gap
+    // that no reader can walk.
+    const std::uint64_t at = entry.EntryOffset.GetValue();
+    if (at < VolumeHeader::Size || at > d.Header.ArchiveSize) {
+      SetErrorCode(ERROR_SEEK_ON_DEVICE);
+      return 0;
+    }
+    const CString base = PreparePath(baseDir);
+    const CString root = BuildRootPath(d.ArchiveName.c_str());
+    if (base.empty() || root.empty()) {
+      SetErrorCode(ERROR_PATH_BUSY);
+      return 0;
+    }
+
+    const CString name = JoinItemName(base.c_str(), entry.Path, entry.FindData.cFileName);
+    FindHandle find(name.c_str(), entry.FindData);
+    if (!find.IsValid()) {
+      SetErrorCode(LastErrorOr());
+      return 0;
+    }
+    const WIN32_FIND_DATAW& fd = entry.FindData;
+    if ((fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && IsDotName(fd.cFileName, true)) return 1;
+
+    // The archive continues at the entry's position: whatever lay at or
+    // beyond it is no longer part of the archive.
+    d.Header.ArchiveSize = at;
+    d.Flags |= FlagHeaderDirty;
+    entry.CompressType = GetRequestCompressType(entry, srch, attr);
+    d.Flags |= FlagBusy;
+    const int stored = DoCompress(root.c_str(), base.c_str(), entry, srch, attr);
+    d.Flags &= ~FlagBusy;
+    return stored;
+  };
+
+  if (result) result = add();
+  CompressCompleteNotify(result);
+  return result;
+}
+
+int CArchiveFile::DoCompressAll(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& entry,
+                                CSrchFlags srch, CAttrFlags attr) {
+  static const WCHAR kEverything[] = {u'*', u'.', u'*', 0};
+  const CString pattern = JoinItemName(baseDir, entry.Path, kEverything);
+
+  // One pass over the directory: the items of one kind, each selected by
+  // its match member and stored by DoCompress with the method it requests.
+  // A pattern that matches nothing adds nothing.
+  auto pass = [&](bool directories) -> int {
+    FindHandle find(pattern.c_str(), entry.FindData);
+    if (!find.IsValid()) return 1;
+    do {
+      const bool isDirectory = (entry.FindData.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+      if (isDirectory != directories) continue;
+      if (isDirectory && IsDotName(entry.FindData.cFileName, false)) continue;
+      const int match = directories ? IsMatchCompressDir(entry, srch, attr)
+                                    : IsMatchCompressFile(entry, srch, attr);
+      if (!match) continue;
+      const DWORD savedType = entry.CompressType;
+      entry.CompressType = GetRequestCompressType(entry, srch, attr);
+      const int stored = DoCompress(root, baseDir, entry, srch, attr);
+      entry.CompressType = savedType;
+      if (!stored) return 0;
+    } while (find.Next(entry.FindData));
+    return 1;
+  };
+
+  if (!(srch & SrchExcludeDir) && !pass(true)) return 0;
+  if (!(srch & SrchDirOnly) && !pass(false)) return 0;
+  return 1;
+}
+
+// ---- One item -----------------------------------------------------------------------------
+
+int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& entry,
+                             CSrchFlags srch, CAttrFlags attr) {
+  CArchiveFileData& d = *m_Data;
+  WIN32_FIND_DATAW& fd = entry.FindData;
+
+  const ItemOptions options = ReadOptions(attr);
+  const bool isDirectory = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  // A folder reached through a symbolic link is stored but never entered,
+  // so that no link can make the walk go round in circles.
+  const bool isLinkedFolder = isDirectory && (fd.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT);
+  fd.dwFileAttributes = StoredAttributes(fd.dwFileAttributes, attr);
+  SettleTimes(fd, options.KeepTimes, d);
+
+  const DWORD cluster = GetClusterSize(root);
+  if (cluster == 0 || cluster > kMaxCopyBuffer) {
+    SetErrorCode(ERROR_OUTOFMEMORY);
+    return 0;
+  }
+  const DWORD bufferSize = kMaxCopyBuffer - kMaxCopyBuffer % cluster;
+  std::unique_ptr<BYTE[]> buffer(new (std::nothrow) BYTE[bufferSize]);
+  if (!buffer) {
+    SetErrorCode(ERROR_OUTOFMEMORY);
+    return 0;
+  }
+
+  const CString folder = entry.Path;
+  const CString source = JoinItemName(baseDir, folder, fd.cFileName);
+  entry.EntryOffset = d.Header.ArchiveSize;
+  entry.DataOffset = 0;
+  entry.DataSize = 0;
+  entry.PackedSize = 0;
+  entry.CompressType = GetCompressType(entry.CompressType & ~kContinuedBit) & ~kContinuedBit;
+  entry.Crc = 0;
+  if (!options.KeepFolder) entry.Path.clear();
+
+  // The open volume as it was before this item, so that a failed item can
+  // be taken out of it again.
+  const DWORD startFlags = d.Flags;
+  const WORD startVolumeWord = d.Header.VolumeWord;
+  bool volumeChanged = false;
+
+  FileHandle data;
+  TemporaryFile temp;
+  const std::uint64_t originalSize = UncompressedSize(fd);
+
+  auto cancel = [&]() {
+    SetAbort();
+    return 0;
+  };
+  auto notifyProgress = [&](std::uint64_t written) {
+    return CompressNotify(root, baseDir, folder.c_str(), entry, CArchiveSize(originalSize),
+                          CArchiveSize(written));
+  };
+
+  // Compresses a file into the temporary file and opens whichever of the
+  // two is smaller as the data to store.
+  auto prepareData = [&]() -> int {
+    CString tempName;
+    if (!GetTempCompressFile(tempName, 0, nullptr)) {
+      SetErrorCode(LastErrorOr());
+      return 0;
+    }
+    temp.Adopt(std::move(tempName));
+    DWORD error = ERROR_SUCCESS;
+    if (!ExecCompress(error, root, baseDir, folder.c_str(), entry, CArchiveSize(), temp.Name(),
+                      source.c_str(), entry.CompressType, entry.Crc)) {
+      // A cancellation replaces whatever was latched before it.
+      if (error == ERROR_CANCELLED) ClearError();
+      SetErrorCode(error != ERROR_SUCCESS ? error : ERROR_GEN_FAILURE);
+      return 0;
+    }
+    const bool keepCompressed = entry.CompressType != 0 && IsSmallerThan(temp.Name(), originalSize);
+    if (!keepCompressed) entry.CompressType = 0;
+    data.Reset(OpenForScan(keepCompressed ? temp.Name() : source.c_str()));
+    std::uint64_t packed = 0;
+    if (!data.IsValid() || !QuerySize(data.Get(), packed)) {
+      SetErrorCode(LastErrorOr());
+      return 0;
+    }
+    entry.PackedSize = packed;
+    return 1;
+  };
+
+  // After DoDiskFull reported a new volume: a file of the next volume's
+  // name that is not this archive's was left alone, so nothing is open.
+  auto continueOnNewVolume = [&]() -> int {
+    if (!IsOpen()) {
+      ReplaceError(*this, ERROR_FILE_EXISTS);
+      return 0;
+    }
+    SetMediaChanged();
+    volumeChanged = true;
+    return 1;
+  };
+
+  // Copies the data file behind the record, moving to a new volume
+  // whenever the current one takes less than a whole buffer.
+  auto copyData = [&]() -> int {
+    std::uint64_t position = entry.DataOffset.GetValue(); // P
+    std::uint64_t stored = 0;                             // D, over all volumes
+    std::uint64_t consumed = 0;                           // R, read from the data file
+    if (!SeekTo(d.Handle, position)) {
+      SetErrorCode(LastErrorOr());
+      return 0;
+    }
+    if (!notifyProgress(stored)) return cancel();
+
+    DWORD request =
+        position % cluster ? cluster - static_cast<DWORD>(position % cluster) : bufferSize;
+    for (;;) {
+      DWORD got = 0;
+      if (!ReadFile(data.Get(), buffer.get(), request, &got, nullptr)) {
+        SetErrorCode(LastErrorOr());
+        return 0;
+      }
+      if (got == 0) break;
+      request = bufferSize;
+
+      const std::uint64_t room = RoomBeforeLimit(d.Limit.get(), GetDiskNo(), position);
+      const DWORD wanted = static_cast<DWORD>(std::min<std::uint64_t>(got, room));
+      // A limit that leaves no room for data right behind a record at the
+      // start of a later volume leaves none on any further volume either.
+      if (room == 0 && GetDiskNo() != 0 && entry.EntryOffset.GetValue() == VolumeHeader::Size &&
+          position == entry.DataOffset.GetValue()) {
+        SetErrorCode(ERROR_DISK_FULL);
+        return 0;
+      }
+      const DWORD written =
+          wanted != 0 ? WriteFillingMedium(d.Handle, buffer.get(), wanted, cluster) : 0;
+
+      CArchiveSize dataSize = entry.DataSize;
+      if (dataSize.Add(CArchiveSize(written)) || stored + written < stored ||
+          position + written < position || consumed + written < consumed) {
+        SetErrorCode(ERROR_SEEK_ON_DEVICE);
+        return 0;
+      }
+      entry.DataSize = dataSize;
+      stored += written;
+      position += written;
+      consumed += written;
+      if (!notifyProgress(stored)) return cancel();
+
+      if (written < got) {
+        ClearError();
+        entry.CompressType |= kContinuedBit;
+        if (!DoDiskFull(root, entry, baseDir, 0, 0) || !continueOnNewVolume()) return 0;
+        position = entry.DataOffset.GetValue();
+        request = bufferSize - static_cast<DWORD>(position % bufferSize);
+        // The archive goes on right behind the continuation record; the
+        // unwritten rest of the buffer is read again.
+        if (!SeekTo(d.Handle, position) || !SeekTo(data.Get(), consumed)) {
+          SetErrorCode(LastErrorOr());
+          return 0;
+        }
+      }
+    }
+
+    if (!DoWriteEntry(entry, nullptr)) return 0;
+    if (!notifyProgress(stored)) return cancel();
+    if (stored != entry.PackedSize.GetValue()) {
+      SetErrorCode(ERROR_HANDLE_EOF);
+      return 0;
+    }
+    return 1;
+  };
+
+  auto store = [&]() -> int {
+    if (!CompressFileNotify(root, baseDir, folder.c_str(), entry)) return cancel();
+    if (!isDirectory && !prepareData()) return 0;
+
+    // The capture empties the block first; without it the block is emptied
+    // here, so that no descriptor of an earlier item travels on.
+    if (options.Security) {
+      const DWORD code = CaptureSecurity(source.c_str(), entry);
+      if (code != ERROR_SUCCESS) {
+        SetErrorCode(code);
+        return 0;
+      }
+    } else if (entry.Security != nullptr) {
+      delete[] entry.Security->Data;
+      entry.Security->Data = nullptr;
+      entry.Security->Length = 0;
+    }
+
+    if (!DoWriteEntry(entry, nullptr)) {
+      // Typically the record does not fit under the volume limit: it is
+      // written at the start of the next volume instead.
+      ClearError();
+      if (!DoDiskFull(root, entry, baseDir, 0, 0) || !continueOnNewVolume()) return 0;
+    }
+    return isDirectory ? 1 : copyData();
+  };
+
+  int result = store();
+  if (!result && IsOpen() && (d.Flags & FlagWritable)) {
+    // A failed item is taken out of the open volume again: its end goes
+    // back to where the item's record begins, so that the next flush keeps
+    // only whole entries. On the volume the item started in, the header is
+    // as it was before the item (a volume change that failed before closing
+    // it may have marked it as continuing).
+    d.Header.ArchiveSize = std::min(d.Header.ArchiveSize, entry.EntryOffset.GetValue());
+    if (!volumeChanged) {
+      d.Header.VolumeWord = startVolumeWord;
+      if (!(startFlags & FlagHeaderDirty)) d.Flags &= ~FlagHeaderDirty;
+    }
+  }
+  data.Close();
+  temp.Remove();
+  buffer.reset();
+  if (!options.KeepFolder) entry.Path = folder;
+
+  if (result && isDirectory && !(srch & SrchNoRecurse) && !isLinkedFolder) {
+    if (!entry.Path.empty()) entry.Path += u'\\';
+    entry.Path += fd.cFileName;
+    result = DoCompressAll(root, baseDir, entry, srch, attr);
+    entry.Path = folder;
+  }
+  return result;
 }

@@ -47,13 +47,11 @@ int CArchiveFile::IsMatchCompressFile(const CArchiveEntry& entry, CSrchFlags src
   return MatchFile(entry, srch);
 }
 
-int CArchiveFile::IsMatchExpandDir(const CArchiveEntry& entry, CSrchFlags srch,
-                                   CAttrFlags) const {
+int CArchiveFile::IsMatchExpandDir(const CArchiveEntry& entry, CSrchFlags srch, CAttrFlags) const {
   return MatchDir(entry, srch);
 }
 
-int CArchiveFile::IsMatchExpandFile(const CArchiveEntry& entry, CSrchFlags srch,
-                                    CAttrFlags) const {
+int CArchiveFile::IsMatchExpandFile(const CArchiveEntry& entry, CSrchFlags srch, CAttrFlags) const {
   return MatchFile(entry, srch);
 }
 
@@ -62,8 +60,13 @@ UINT CArchiveFile::GetTempCompressFile(CString& result, UINT unique, const WCHAR
   constexpr DWORD kDirCapacity = 248;
   WCHAR dir[kDirCapacity] = {};
   const DWORD length = GetTempPathW(kDirCapacity, dir);
-  // A longer path is reported as the length it needs: no room for it here.
-  if (length == 0 || length >= kDirCapacity) return 0;
+  if (length == 0) return 0;
+  // A longer path is reported as the length it needs: there is no room for
+  // it here, and the caller is told why through the last error.
+  if (length >= kDirCapacity) {
+    SetLastError(ERROR_FILENAME_EXCED_RANGE);
+    return 0;
+  }
   WCHAR name[MAX_PATH] = {};
   const UINT got = GetTempFileNameW(dir, prefix != nullptr ? prefix : WTEXT("ARC"), unique, name);
   if (got == 0) return 0;

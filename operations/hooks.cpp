@@ -2,7 +2,7 @@
 // unattended where that is safe (progress goes on, an existing file is
 // replaced) and refuses where a person is needed (a medium must be changed,
 // a locked volume must be released).
-#include <talvern/archive.h>
+#include "archive/archive_data.h"
 
 namespace {
 
@@ -12,15 +12,25 @@ constexpr int kGoOn = 1;
 
 } // namespace
 
-int CArchiveFile::DiskChangeNotify(const WCHAR*, DWORD, int) { return kRefuse; }
+// The medium and volume-full questions note that the default answered: the
+// volume-full handling ends the exchange of these defaults instead of
+// putting the same two questions again and again.
+int CArchiveFile::DiskChangeNotify(const WCHAR*, DWORD, int) {
+  m_Data->DefaultAnswers |= DefaultAnsweredMediumAsk;
+  return kRefuse;
+}
 
-int CArchiveFile::InvalidDiskNotify(const WCHAR*, DWORD, int, int) { return kRefuse; }
+int CArchiveFile::InvalidDiskNotify(const WCHAR*, DWORD, int, int) {
+  m_Data->DefaultAnswers |= DefaultAnsweredMediumAsk;
+  return kRefuse;
+}
 
 int CArchiveFile::AlreadyOpenedNotify(const WCHAR*) { return kRefuse; }
 
 int CArchiveFile::FormatNotify(const WCHAR*, DWORD) { return kGoOn; }
 
 CArchiveFile::CDiskFullOperation CArchiveFile::DiskFullNotify(const WCHAR*, int) {
+  m_Data->DefaultAnswers |= DefaultAnsweredDiskFull;
   return DiskFullChange;
 }
 

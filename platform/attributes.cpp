@@ -26,15 +26,6 @@ constexpr DWORD kKeptBits = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE
                             FILE_ATTRIBUTE_TEMPORARY | FILE_ATTRIBUTE_OFFLINE |
                             FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
-bool StartsWithDot(std::string_view name) {
-  return !name.empty() && name[0] == '.' && name != "." && name != "..";
-}
-
-std::string_view LastName(std::string_view host) {
-  const auto slash = host.find_last_of('/');
-  return slash == std::string_view::npos ? host : host.substr(slash + 1);
-}
-
 FILETIME CreationFromHost(const std::string& hostPath, const struct stat& st, bool follow) {
   struct statx stx {};
   if (::statx(AT_FDCWD, hostPath.c_str(), follow ? 0 : AT_SYMLINK_NOFOLLOW, STATX_BTIME, &stx) ==
@@ -49,6 +40,15 @@ FILETIME CreationFromHost(const std::string& hostPath, const struct stat& st, bo
 }
 
 } // namespace
+
+std::string_view HostLastName(std::string_view hostPath) {
+  const auto slash = hostPath.find_last_of('/');
+  return slash == std::string_view::npos ? hostPath : hostPath.substr(slash + 1);
+}
+
+bool IsDotName(std::string_view name) {
+  return !name.empty() && name[0] == '.' && name != "." && name != "..";
+}
 
 StoredInfo ReadStoredInfo(const std::string& hostPath, int fd) {
   StoredInfo info;
@@ -87,15 +87,10 @@ void WriteStoredInfo(const std::string& hostPath, int fd, const StoredInfo& info
 }
 
 bool QueryItem(const std::string& hostPath, std::string_view name, ItemInfo& info) {
-  if (name.empty()) name = LastName(hostPath);
+  if (name.empty()) name = HostLastName(hostPath);
   struct stat lst {};
   if (::lstat(hostPath.c_str(), &lst) != 0) {
-    if (errno == ENOENT)
-      SetMissingError(hostPath);
-    else if (errno == ENOTDIR)
-      SetLastError(ERROR_PATH_NOT_FOUND);
-    else
-      SetLastErrorFromErrno(errno);
+    SetPathError(errno, hostPath);
     return false;
   }
   info = ItemInfo();
@@ -111,7 +106,7 @@ bool QueryItem(const std::string& hostPath, std::string_view name, ItemInfo& inf
       return true;
     }
   }
-  const bool dot = StartsWithDot(name);
+  const bool dot = IsDotName(name);
   StoredInfo stored;
   if (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) stored = ReadStoredInfo(hostPath);
   DWORD attributes;
@@ -158,15 +153,12 @@ BOOL SetFileAttributesW(LPCWSTR fileName, DWORD fileAttributes) {
   if (!Resolve(fileName, path)) return FALSE;
   struct stat st {};
   if (::stat(path.host.c_str(), &st) != 0) {
-    if (errno == ENOENT)
-      SetMissingError(path.host);
-    else
-      SetLastErrorFromErrno(errno);
+    SetPathError(errno, path.host);
     return FALSE;
   }
   if (const DWORD code = WriteCheck(path.medium.get())) return Fail(code);
   const bool readOnly = (fileAttributes & FILE_ATTRIBUTE_READONLY) != 0;
-  const bool dot = StartsWithDot(LastName(path.host));
+  const bool dot = IsDotName(HostLastName(path.host));
   mode_t mode = st.st_mode & 07777;
 
   if (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) {

@@ -302,7 +302,10 @@ CString PresentHostPath(const std::string& hostPath) {
 
 CString CurrentDirectoryWindows() {
   const std::string host = HostCwd();
-  if (host.empty()) return CString();
+  if (host.empty()) {
+    SetLastErrorFromErrno(errno);
+    return CString();
+  }
   {
     std::lock_guard<std::mutex> lock(StateMutex());
     State& s = TheState();
@@ -508,10 +511,7 @@ BOOL SetCurrentDirectoryW(LPCWSTR pathName) {
   if (!Resolve(pathName, resolved)) return FALSE;
   struct stat st {};
   if (::stat(resolved.host.c_str(), &st) != 0) {
-    if (errno == ENOENT)
-      SetMissingError(resolved.host);
-    else
-      SetLastErrorFromErrno(errno);
+    SetPathError(errno, resolved.host);
     return FALSE;
   }
   if (!S_ISDIR(st.st_mode)) return Fail(ERROR_DIRECTORY);

@@ -136,4 +136,13 @@ DWORD SetMissingError(const std::string& hostPath) {
   return code;
 }
 
+void SetPathError(int err, const std::string& hostPath) {
+  if (err == ENOENT)
+    SetMissingError(hostPath);
+  else if (err == ENOTDIR)
+    SetLastError(ERROR_PATH_NOT_FOUND);
+  else
+    SetLastErrorFromErrno(err);
+}
+
 } // namespace talvern::platform

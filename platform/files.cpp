@@ -81,29 +81,10 @@ constexpr DWORD kKeptOnCreate = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
                                 FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_TEMPORARY |
                                 FILE_ATTRIBUTE_OFFLINE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
-std::string LastName(const std::string& host) {
-  const auto slash = host.find_last_of('/');
-  return slash == std::string::npos ? host : host.substr(slash + 1);
-}
-
-bool StartsWithDot(const std::string& name) {
-  return !name.empty() && name[0] == '.' && name != "." && name != "..";
-}
-
 FileObject* FileFromHandle(HANDLE handle) {
   auto* file = FindHandleAs<FileObject>(handle);
   if (file == nullptr) SetLastError(ERROR_INVALID_HANDLE);
   return file;
-}
-
-// Sets the last error for an errno from opening or inspecting a path.
-void SetPathError(int err, const std::string& host) {
-  if (err == ENOENT)
-    SetMissingError(host);
-  else if (err == ENOTDIR)
-    SetLastError(ERROR_PATH_NOT_FOUND);
-  else
-    SetLastErrorFromErrno(err);
 }
 
 // Records the attributes a new or overwritten file gets from CreateFileW.
@@ -111,7 +92,7 @@ void ApplyCreateAttributes(const std::string& host, int fd, DWORD flagsAndAttrib
   StoredInfo info = ReadStoredInfo(host, fd);
   const DWORD bits = (flagsAndAttributes & kKeptOnCreate) | FILE_ATTRIBUTE_ARCHIVE;
   const DWORD derived =
-      FILE_ATTRIBUTE_ARCHIVE | (StartsWithDot(LastName(host)) ? FILE_ATTRIBUTE_HIDDEN : 0);
+      FILE_ATTRIBUTE_ARCHIVE | (IsDotName(HostLastName(host)) ? FILE_ATTRIBUTE_HIDDEN : 0);
   const bool store = bits != derived;
   if (store != info.hasAttributes || (store && info.attributes != bits)) {
     info.hasAttributes = store;
@@ -144,11 +125,6 @@ public:
 private:
   Medium* medium_;
 };
-
-HANDLE FailHandle(DWORD code) {
-  SetLastError(code);
-  return INVALID_HANDLE_VALUE;
-}
 
 } // namespace
 

@@ -74,11 +74,6 @@ bool NameBefore(const WIN32_FIND_DATAW& a, const WIN32_FIND_DATAW& b) {
   }
 }
 
-HANDLE FailHandle(DWORD code) {
-  SetLastError(code);
-  return INVALID_HANDLE_VALUE;
-}
-
 } // namespace
 } // namespace talvern::platform
 

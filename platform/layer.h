@@ -27,9 +27,24 @@ inline BOOL Fail(DWORD code) {
   return FALSE;
 }
 
+// The same for a failing HANDLE function (INVALID_HANDLE_VALUE, or null
+// where Windows gives null).
+inline HANDLE FailHandle(DWORD code, HANDLE failure = INVALID_HANDLE_VALUE) {
+  SetLastError(code);
+  return failure;
+}
+
 // Sets 2 when the folder that should hold hostPath exists, else 3: the two
 // ways an open of a missing item fails on Windows.
 DWORD SetMissingError(const std::string& hostPath);
+// Sets the last error for an errno from opening or inspecting hostPath
+// (ENOENT through SetMissingError, ENOTDIR as 3).
+void SetPathError(int err, const std::string& hostPath);
+
+// The last name of a host path ("" for "/"), and whether a name begins with
+// a dot (and is neither "." nor ".."), which makes it hidden.
+std::string_view HostLastName(std::string_view hostPath);
+bool IsDotName(std::string_view name);
 
 // Removes a handle's object from the registry and gives it to the caller
 // (null for a bad handle).

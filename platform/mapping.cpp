@@ -35,11 +35,6 @@ std::map<const void*, std::size_t>& Views() {
   return *views;
 }
 
-HANDLE FailHandle(DWORD code) {
-  SetLastError(code);
-  return nullptr;
-}
-
 } // namespace
 } // namespace talvern::platform
 
@@ -47,17 +42,17 @@ using namespace talvern::platform;
 
 HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES /*attributes*/, DWORD protect,
                           DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name) {
-  if (name != nullptr && name[0] != 0) return FailHandle(ERROR_NOT_SUPPORTED);
+  if (name != nullptr && name[0] != 0) return FailHandle(ERROR_NOT_SUPPORTED, nullptr);
   const DWORD page = protect & 0xFF;
   if (page != PAGE_READONLY && page != PAGE_READWRITE && page != PAGE_WRITECOPY)
-    return FailHandle(ERROR_INVALID_PARAMETER);
+    return FailHandle(ERROR_INVALID_PARAMETER, nullptr);
   std::uint64_t size = (static_cast<std::uint64_t>(maximumSizeHigh) << 32) | maximumSizeLow;
 
   auto mapping = std::make_unique<MappingObject>();
   mapping->protect = page;
   if (file == INVALID_HANDLE_VALUE) {
     // Backed by memory alone.
-    if (size == 0) return FailHandle(ERROR_INVALID_PARAMETER);
+    if (size == 0) return FailHandle(ERROR_INVALID_PARAMETER, nullptr);
     mapping->fd = ::memfd_create("talvern-mapping", MFD_CLOEXEC);
     if (mapping->fd < 0 || ::ftruncate(mapping->fd, static_cast<off_t>(size)) != 0) {
       SetLastErrorFromErrno(errno);
@@ -68,9 +63,9 @@ HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES /*attributes*/, DWO
   }
 
   auto* f = FindHandleAs<FileObject>(file);
-  if (f == nullptr) return FailHandle(ERROR_INVALID_HANDLE);
+  if (f == nullptr) return FailHandle(ERROR_INVALID_HANDLE, nullptr);
   if (f->isDirectory || !f->canRead || (page == PAGE_READWRITE && !f->canWrite))
-    return FailHandle(ERROR_ACCESS_DENIED);
+    return FailHandle(ERROR_ACCESS_DENIED, nullptr);
   struct stat st {};
   if (::fstat(f->fd, &st) != 0) {
     SetLastErrorFromErrno(errno);
@@ -78,13 +73,14 @@ HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES /*attributes*/, DWO
   }
   const auto fileSize = static_cast<std::uint64_t>(st.st_size);
   if (size == 0) size = fileSize;
-  if (size == 0) return FailHandle(ERROR_FILE_INVALID);
+  if (size == 0) return FailHandle(ERROR_FILE_INVALID, nullptr);
   if (size > fileSize) {
     // Only a writable mapping may grow its file.
-    if (page != PAGE_READWRITE) return FailHandle(ERROR_NOT_ENOUGH_MEMORY);
+    if (page != PAGE_READWRITE) return FailHandle(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     if (f->medium && f->medium->capacity != 0) {
       std::lock_guard<std::mutex> lock(f->medium->accounting);
-      if (const DWORD code = CheckGrowth(*f->medium, fileSize, size)) return FailHandle(code);
+      if (const DWORD code = CheckGrowth(*f->medium, fileSize, size))
+        return FailHandle(code, nullptr);
       if (::ftruncate(f->fd, static_cast<off_t>(size)) != 0) {
         SetLastErrorFromErrno(errno);
         return nullptr;

@@ -405,3 +405,28 @@ TEST(TempFiles, TempPathAndUniqueNames) {
   EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
   ::unsetenv("TMPDIR");
 }
+
+TEST(Attributes, TheRecordKeepsItsDocumentedLayout) {
+  test::TempDir dir;
+  test::WriteFile(dir.Host("f"), "f");
+  ASSERT_TRUE(
+      SetFileAttributesW(dir.Win("f").c_str(), FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM));
+  HANDLE h = Open(dir.Win("f"), GENERIC_WRITE, 0, OPEN_EXISTING);
+  const FILETIME created{0x04030201u, 0x08070605u};
+  ASSERT_TRUE(SetFileTime(h, &created, nullptr, nullptr));
+  CloseHandle(h);
+  unsigned char bytes[32] = {};
+  const ssize_t n = ::getxattr(dir.Host("f").c_str(), "user.talvern.info", bytes, sizeof bytes);
+  const std::vector<unsigned char> expected = {1, 3, 0x06, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8};
+  ASSERT_EQ(n, 14);
+  EXPECT_EQ(std::vector<unsigned char>(bytes, bytes + n), expected);
+  // Back to what the name and type give anyway: only the creation time stays.
+  ASSERT_TRUE(SetFileAttributesW(dir.Win("f").c_str(), FILE_ATTRIBUTE_ARCHIVE));
+  ASSERT_EQ(::getxattr(dir.Host("f").c_str(), "user.talvern.info", bytes, sizeof bytes), 14);
+  EXPECT_EQ(bytes[1], 2);
+  // Records of another version are ignored.
+  bytes[0] = 2;
+  bytes[1] = 1;
+  ASSERT_EQ(::setxattr(dir.Host("f").c_str(), "user.talvern.info", bytes, 14, 0), 0);
+  EXPECT_EQ(GetFileAttributesW(dir.Win("f").c_str()), FILE_ATTRIBUTE_ARCHIVE);
+}

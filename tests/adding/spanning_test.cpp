@@ -1,0 +1,418 @@
+// Archives that span volumes: numbered files under a size limit, advancing
+// DISKn folders, full fixed and removable media, foreign files in the way,
+// and the dialogue with the host about media.
+#include "adding/adding_support.h"
+
+#include <gtest/gtest.h>
+
+#include <talvern/platform.h>
+
+#include <algorithm>
+#include <cstdio>
+
+using namespace adding;
+using Srch = CArchiveFile::CSrchFlags;
+using V = std::vector<std::string>;
+
+namespace {
+
+constexpr DWORD kContinued = 0x80000000u;
+
+// The stored data of one entry gathered over the volumes it spans, checked
+// record by record: bit 31 on every part but the last, the same CRC and
+// packed size everywhere, and parts that add up to the packed size.
+std::vector<std::uint8_t> GatherSplitData(const std::vector<Volume>& volumes, size_t firstIndex) {
+  std::vector<std::uint8_t> data;
+  const CArchiveEntry& head = volumes[0].Entries[firstIndex];
+  std::uint64_t total = 0;
+  for (size_t v = 0; v < volumes.size(); ++v) {
+    const CArchiveEntry& part = v == 0 ? head : volumes[v].Entries.at(0);
+    if (v != 0) {
+      EXPECT_EQ(part.EntryOffset.GetValue(), 20u) << "volume " << v;
+    }
+    EXPECT_EQ(part.Crc, head.Crc);
+    EXPECT_EQ(part.PackedSize.GetValue(), head.PackedSize.GetValue());
+    EXPECT_EQ(FullName(part), FullName(head));
+    EXPECT_EQ(part.CompressType & kContinued, v + 1 < volumes.size() ? kContinued : 0u)
+        << "volume " << v;
+    const auto piece = volumes[v].Data(part);
+    data.insert(data.end(), piece.begin(), piece.end());
+    total += part.DataSize.GetValue();
+  }
+  EXPECT_EQ(total, head.PackedSize.GetValue());
+  return data;
+}
+
+std::vector<Volume> ReadNumbered(const test::TempDir& dir, const std::string& base, int count) {
+  std::vector<Volume> volumes;
+  for (int i = 0; i < count; ++i) {
+    char ext[16];
+    std::snprintf(ext, sizeof ext, ".%03X", i);
+    volumes.push_back(ReadVolume(dir.Win(base + ext)));
+  }
+  return volumes;
+}
+
+CArchiveSize Limit(DWORD general, DWORD first = 0) {
+  CArchiveSize limit;
+  limit.LowPart = general;
+  limit.HighPart = first;
+  return limit;
+}
+
+// Writes source/big.bin of size random bytes below dir and adds the source
+// folder as the archive named archive (below dir) with a 1,000,000-byte
+// limit. Returns the file's bytes.
+std::vector<std::uint8_t> AddBigFileInVolumes(Host& host, const test::TempDir& dir, size_t size,
+                                              std::uint32_t seed, const std::string& archive) {
+  auto bytes = test::RandomBytes(size, seed);
+  test::WriteFile(dir.Host("source/big.bin"), bytes);
+  const CArchiveSize limit = Limit(1000000);
+  EXPECT_EQ(host.FileName(dir.Win(archive).c_str(), &limit), 1);
+  EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1)
+      << host.GetErrorCode();
+  return bytes;
+}
+
+} // namespace
+
+TEST(AddingSpanning, FileSplitOverThreeNumberedVolumes) {
+  test::TempDir dir;
+  Host host;
+  const auto noise = AddBigFileInVolumes(host, dir, 2500000, 21, "set/BACKUP.ARC");
+  // Numbered volumes on a fixed disk need nobody's answer.
+  EXPECT_EQ(host.CallsStartingWith("disk"), V{});
+  EXPECT_FALSE(test::Exists(dir.Host("set/BACKUP.003")));
+
+  const auto volumes = ReadNumbered(dir, "set/BACKUP", 3);
+  for (DWORD v = 0; v < 3; ++v) {
+    EXPECT_EQ(volumes[v].Number, v);
+    EXPECT_EQ(volumes[v].Continues, v < 2);
+    EXPECT_EQ(volumes[v].Entries.size(), 1u);
+    EXPECT_EQ(volumes[v].Bytes.size(), volumes[v].ArchiveSize);
+    // Full volumes are filled exactly to the limit.
+    if (v < 2) {
+      EXPECT_EQ(volumes[v].ArchiveSize, 1000000u);
+    }
+  }
+  const CArchiveEntry& head = volumes[0].Entries[0];
+  EXPECT_EQ(head.CompressType & ~kContinued, 0u);
+  EXPECT_EQ(head.Crc, Crc32(noise));
+  EXPECT_EQ(GatherSplitData(volumes, 0), noise);
+
+  // A volume marked as continued takes no further items.
+  Host appender;
+  ASSERT_EQ(appender.FileName(dir.Win("set/BACKUP.000").c_str(), nullptr), 1);
+  ASSERT_EQ(appender.WriteOpen(0, 0), 1);
+  CArchiveEntry item;
+  SetName(item, u"big.bin");
+  EXPECT_EQ(appender.Compress(dir.Win("source").c_str(), item, Srch{}, kNoSecurity), 0);
+  EXPECT_EQ(appender.GetErrorCode(), ERROR_ACCESS_DENIED);
+}
+
+TEST(AddingSpanning, FirstVolumeLimitAndLimitsThatMeanNone) {
+  test::TempDir dir;
+  const auto noise = test::RandomBytes(1000000, 5);
+  test::WriteFile(dir.Host("source/big.bin"), noise);
+
+  struct Case {
+    CArchiveSize limit;
+    std::vector<std::uint64_t> sizes; // archive size of each volume, 0: not checked
+  } cases[] = {
+      {Limit(1000000, 300000), {300000, 0}},
+      {Limit(0, 300000), {300000, 0}},
+      {Limit(0xFFFFFFFFu), {0}},
+  };
+  for (const Case& c : cases) {
+    test::TempDir out;
+    Host host;
+    ASSERT_EQ(host.FileName(out.Win("B.ARC").c_str(), &c.limit), 1);
+    ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
+    const auto volumes = ReadNumbered(out, "B", static_cast<int>(c.sizes.size()));
+    EXPECT_FALSE(test::Exists(out.Host("B." + std::string(c.sizes.size() == 1 ? "001" : "002"))));
+    for (size_t v = 0; v < c.sizes.size(); ++v)
+      if (c.sizes[v] != 0) {
+        EXPECT_EQ(volumes[v].ArchiveSize, c.sizes[v]);
+      }
+    EXPECT_EQ(GatherSplitData(volumes, 0), noise);
+  }
+}
+
+TEST(AddingSpanning, DiskFoldersAdvanceAndAreCreated) {
+  test::TempDir dir;
+  Host host;
+  const auto noise = AddBigFileInVolumes(host, dir, 1500000, 8, "out/DISK1/B.ARC");
+  EXPECT_EQ(FolderContents(dir.Host("out")), (V{"DISK1", "DISK2"}));
+  EXPECT_EQ(FolderContents(dir.Host("out/DISK2")), V{"B.001"});
+  const std::vector<Volume> volumes = {ReadVolume(dir.Win("out/DISK1/B.000")),
+                                       ReadVolume(dir.Win("out/DISK2/B.001"))};
+  EXPECT_EQ(GatherSplitData(volumes, 0), noise);
+}
+
+TEST(AddingSpanning, RecordThatDoesNotFitOpensTheNextVolume) {
+  test::TempDir dir;
+  // Directories come first: z (record of 74 bytes at 20), then z\big.bin
+  // (88 + 19800 bytes, ending at 19982), then second.bin, whose 92-byte
+  // record would end beyond the limit of 20000.
+  test::WriteFile(dir.Host("source/z/big.bin"), test::RandomBytes(19800, 1));
+  test::WriteFile(dir.Host("source/second.bin"), test::RandomBytes(500, 2));
+  const CArchiveSize limit = Limit(20000);
+  Host host;
+  ASSERT_EQ(host.FileName(dir.Win("B.ARC").c_str(), &limit), 1);
+  ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
+  const auto volumes = ReadNumbered(dir, "B", 2);
+  EXPECT_EQ(Names(volumes[0].Entries), (V{"z", "z\\big.bin"}));
+  EXPECT_TRUE(volumes[0].Continues);
+  EXPECT_EQ(volumes[0].ArchiveSize, 19982u);
+  EXPECT_EQ(volumes[0].Entries[1].CompressType & kContinued, 0u);
+  EXPECT_EQ(Names(volumes[1].Entries), V{"second.bin"});
+  EXPECT_EQ(volumes[1].Entries[0].EntryOffset.GetValue(), 20u);
+  EXPECT_EQ(volumes[1].Data(volumes[1].Entries[0]), test::ReadFile(dir.Host("source/second.bin")));
+}
+
+TEST(AddingSpanning, ForeignFilesAreNeverOverwritten) {
+  test::TempDir dir;
+  test::WriteFile(dir.Host("source/big.bin"), test::RandomBytes(1500000, 4));
+  const std::string foreign = "somebody else's file";
+  {
+    // The archive's own name on a fixed disk.
+    test::WriteFile(dir.Host("plain/out.arc"), foreign);
+    Host host;
+    ASSERT_EQ(host.FileName(dir.Win("plain/out.arc").c_str(), nullptr), 1);
+    EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
+    EXPECT_EQ(host.GetErrorCode(), ERROR_FILE_EXISTS);
+    EXPECT_EQ(host.CallsStartingWith("file:"), V{});
+    EXPECT_EQ(test::ReadText(dir.Host("plain/out.arc")), foreign);
+  }
+  const CArchiveSize limit = Limit(1000000);
+  {
+    // The second volume's name, once as a foreign file and once as a
+    // volume 0 of some archive.
+    for (int kind = 0; kind < 2; ++kind) {
+      test::TempDir out;
+      if (kind == 0) {
+        test::WriteFile(out.Host("B.001"), foreign);
+      } else {
+        CArchiveFile other;
+        ASSERT_EQ(other.FileName(out.Win("B.001").c_str(), nullptr), 1);
+        ASSERT_EQ(other.CreateOpen(1, 0), 1);
+        ASSERT_EQ(other.Close(), 1);
+      }
+      const auto before = test::ReadFile(out.Host("B.001"));
+      Host host;
+      ASSERT_EQ(host.FileName(out.Win("B.ARC").c_str(), &limit), 1);
+      EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
+      EXPECT_EQ(host.GetErrorCode(), ERROR_FILE_EXISTS);
+      EXPECT_EQ(test::ReadFile(out.Host("B.001")), before);
+      EXPECT_FALSE(host.IsOpen());
+    }
+  }
+  {
+    // This archive's own volumes from an earlier run are overwritten.
+    test::TempDir out;
+    for (int run = 0; run < 2; ++run) {
+      Host host;
+      ASSERT_EQ(host.FileName(out.Win("B.ARC").c_str(), &limit), 1);
+      ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1)
+          << "run " << run << ": " << host.GetErrorCode();
+    }
+    EXPECT_EQ(FolderContents(out.Host()), (V{"B.000", "B.001"}));
+  }
+}
+
+TEST(AddingSpanning, FullFixedDiskWithoutLimitEndsWithDiskFull) {
+  test::TempDir dir;
+  talvern::MediumSpec medium;
+  medium.HostDir = dir.Host("small");
+  medium.Capacity = 64 * 1024;
+  ASSERT_TRUE(talvern::MountDrive(u'F', DRIVE_FIXED, 512, &medium));
+  test::WriteFile(dir.Host("source/big.bin"), test::RandomBytes(100000, 6));
+  Host host;
+  ASSERT_EQ(host.FileName(u"F:\\out.arc", nullptr), 1);
+  EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
+  EXPECT_EQ(host.GetErrorCode(), ERROR_DISK_FULL);
+  EXPECT_EQ(host.CallsStartingWith("disk"), V{});
+  // The full volume was finished before the handling found nowhere to go.
+  const Volume volume = ReadVolume(u"F:\\out.arc");
+  EXPECT_TRUE(volume.Continues);
+  ASSERT_EQ(volume.Entries.size(), 1u);
+  EXPECT_EQ(volume.Entries[0].CompressType & kContinued, kContinued);
+  EXPECT_EQ(volume.ArchiveSize, 64u * 1024u);
+}
+
+namespace {
+
+// A removable drive A: with 512-byte clusters, empty until a host inserts
+// one of the media m1, m2, ... of 40 KiB each.
+struct RemovableDrive {
+  explicit RemovableDrive(const test::TempDir& dir, int count = 3) {
+    for (int i = 0; i < count; ++i) {
+      talvern::MediumSpec m;
+      m.HostDir = dir.Host("m" + std::to_string(i + 1));
+      m.Serial = 0x100 + static_cast<DWORD>(i);
+      m.Label = test::W("DISK" + std::to_string(i + 1));
+      m.Capacity = kCapacity;
+      Media.push_back(m);
+    }
+    EXPECT_TRUE(talvern::MountDrive(u'A', DRIVE_REMOVABLE, 512, nullptr));
+  }
+  ~RemovableDrive() { talvern::UnmountDrive(u'A'); }
+  RemovableDrive(const RemovableDrive&) = delete;
+  RemovableDrive& operator=(const RemovableDrive&) = delete;
+  // Puts medium diskNo (counted from 1) into the drive.
+  int Insert(DWORD diskNo) {
+    return diskNo >= 1 && diskNo <= Media.size() && talvern::InsertMedium(u'A', &Media[diskNo - 1])
+               ? 1
+               : 0;
+  }
+  std::string VolumeOn(const test::TempDir& dir, int medium) const {
+    return dir.Host("m" + std::to_string(medium) + "/BACKUP.ARC");
+  }
+
+  static constexpr std::uint64_t kCapacity = 40 * 1024;
+  std::vector<talvern::MediumSpec> Media;
+};
+
+// The volumes on media 1..count, read through the drive's own files.
+std::vector<Volume> ReadMedia(const test::TempDir& dir, int count) {
+  std::vector<Volume> volumes;
+  for (int i = 1; i <= count; ++i)
+    volumes.push_back(
+        ReadVolume(talvern::HostPathToWindows(dir.Host("m" + std::to_string(i) + "/BACKUP.ARC"))));
+  return volumes;
+}
+
+} // namespace
+
+TEST(AddingRemovable, WritingGoesOnOnTheNextInsertedMedium) {
+  test::TempDir dir;
+  RemovableDrive drive(dir);
+  const auto noise = test::RandomBytes(100000, 11);
+  test::WriteFile(dir.Host("source/big.bin"), noise);
+
+  Host host;
+  host.OnDiskFull = [](int) { return CArchiveFile::DiskFullChange; };
+  host.OnDiskChange = [&](DWORD diskNo) { return drive.Insert(diskNo); };
+  ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+  ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1)
+      << host.GetErrorCode();
+  EXPECT_EQ(host.CallsStartingWith("disk"), (V{"diskfull:1", "diskchange:1,1", "diskfull:0",
+                                               "diskchange:2,1", "diskfull:0", "diskchange:3,1"}));
+  EXPECT_GT(talvern::GetDismountCount(u'A'), 0u);
+
+  // The medium is filled to its last cluster by the cluster-step retries
+  // before the volume changes.
+  EXPECT_EQ(test::ReadFile(drive.VolumeOn(dir, 1)).size(), RemovableDrive::kCapacity);
+  EXPECT_EQ(test::ReadFile(drive.VolumeOn(dir, 2)).size(), RemovableDrive::kCapacity);
+  const auto volumes = ReadMedia(dir, 3);
+  for (DWORD v = 0; v < 3; ++v) {
+    EXPECT_EQ(volumes[v].Number, v);
+    EXPECT_EQ(volumes[v].Continues, v < 2);
+  }
+  EXPECT_EQ(volumes[0].Entries[0].Crc, Crc32(noise));
+  EXPECT_EQ(GatherSplitData(volumes, 0), noise);
+}
+
+TEST(AddingRemovable, ForeignFileOnTheNextMediumIsLeftAlone) {
+  test::TempDir dir;
+  RemovableDrive drive(dir);
+  const std::string foreign = "another archive's diskette";
+  test::WriteFile(drive.VolumeOn(dir, 2), foreign);
+  const auto noise = test::RandomBytes(60000, 12);
+  test::WriteFile(dir.Host("source/big.bin"), noise);
+
+  Host host;
+  host.OnDiskFull = [](int) { return CArchiveFile::DiskFullChange; };
+  host.OnDiskChange = [&](DWORD diskNo) { return drive.Insert(diskNo); };
+  // The host is told a foreign file was found, and offers the third medium.
+  host.OnInvalidDisk = [&](DWORD diskNo, int foreignFound) {
+    return foreignFound && diskNo == 2 ? drive.Insert(3) : 0;
+  };
+  ASSERT_EQ(drive.Insert(1), 1);
+  ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+  ASSERT_EQ(
+      host.CompressAll(dir.Win("source").c_str(), CArchiveFile::SrchNoFirstPrompt, kNoSecurity), 1)
+      << host.GetErrorCode();
+  EXPECT_EQ(host.CallsStartingWith("disk"), (V{"diskfull:0", "diskchange:2,1"}));
+  EXPECT_EQ(host.CallsStartingWith("invalid"), V{"invalid:2,1,1"});
+  EXPECT_EQ(test::ReadText(drive.VolumeOn(dir, 2)), foreign);
+  const std::vector<Volume> volumes = {
+      ReadVolume(talvern::HostPathToWindows(drive.VolumeOn(dir, 1))),
+      ReadVolume(talvern::HostPathToWindows(drive.VolumeOn(dir, 3)))};
+  EXPECT_EQ(GatherSplitData(volumes, 0), noise);
+}
+
+TEST(AddingRemovable, UnformattedMediumIsFormattedByTheHost) {
+  test::TempDir dir;
+  RemovableDrive drive(dir);
+  drive.Media[1].Formatted = false;
+  const auto noise = test::RandomBytes(60000, 13);
+  test::WriteFile(dir.Host("source/big.bin"), noise);
+
+  Host host;
+  host.OnDiskFull = [](int) { return CArchiveFile::DiskFullChange; };
+  host.OnDiskChange = [&](DWORD diskNo) { return drive.Insert(diskNo); };
+  host.OnDoFormat = [&](DWORD diskNo) {
+    drive.Media[diskNo - 1].Formatted = true;
+    return drive.Insert(diskNo);
+  };
+  ASSERT_EQ(drive.Insert(1), 1);
+  ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+  ASSERT_EQ(
+      host.CompressAll(dir.Win("source").c_str(), CArchiveFile::SrchNoFirstPrompt, kNoSecurity), 1)
+      << host.GetErrorCode();
+  const auto at = std::find(host.Calls.begin(), host.Calls.end(), "diskchange:2,1");
+  ASSERT_GE(std::distance(at, host.Calls.end()), 3);
+  EXPECT_EQ(V(at, at + 3), (V{"diskchange:2,1", "formatnotify:2", "doformat:2"}));
+  EXPECT_EQ(GatherSplitData(ReadMedia(dir, 2), 0), noise);
+}
+
+TEST(AddingRemovable, LibraryDefaultsEndTheMediumDialogueWithCancelled) {
+  test::TempDir dir;
+  const auto noise = test::RandomBytes(60000, 14);
+  test::WriteFile(dir.Host("source/big.bin"), noise);
+  {
+    // Even the first volume needs a medium that nobody inserts.
+    test::TempDir media;
+    RemovableDrive drive(media);
+    ASSERT_EQ(drive.Insert(1), 1);
+    Host host;
+    ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+    EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
+    EXPECT_EQ(host.GetErrorCode(), ERROR_CANCELLED);
+    EXPECT_EQ(host.CallsStartingWith("disk"), (V{"diskfull:1", "diskchange:1,1"}));
+    EXPECT_EQ(host.Calls.back(), "complete:0");
+  }
+  {
+    // The first volume unasked; when it is full nobody changes the medium.
+    test::TempDir media;
+    RemovableDrive drive(media);
+    ASSERT_EQ(drive.Insert(1), 1);
+    Host host;
+    ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+    EXPECT_EQ(
+        host.CompressAll(dir.Win("source").c_str(), CArchiveFile::SrchNoFirstPrompt, kNoSecurity),
+        0);
+    EXPECT_EQ(host.GetErrorCode(), ERROR_CANCELLED);
+    EXPECT_EQ(host.CallsStartingWith("disk"), (V{"diskfull:0", "diskchange:2,1"}));
+  }
+  {
+    // A host that answers DiskFullNotify itself gets every round it asks
+    // for, and its own stop ends the handling without a code.
+    test::TempDir media;
+    RemovableDrive drive(media);
+    ASSERT_EQ(drive.Insert(1), 1);
+    Host host;
+    int rounds = 0;
+    host.OnDiskFull = [&](int) {
+      return ++rounds <= 3 ? CArchiveFile::DiskFullChange : CArchiveFile::DiskFullStop;
+    };
+    ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+    EXPECT_EQ(
+        host.CompressAll(dir.Win("source").c_str(), CArchiveFile::SrchNoFirstPrompt, kNoSecurity),
+        0);
+    EXPECT_EQ(host.CallsStartingWith("diskfull").size(), 4u);
+    EXPECT_EQ(host.CallsStartingWith("diskchange").size(), 3u);
+    EXPECT_FALSE(host.IsError());
+  }
+}

@@ -1,0 +1,240 @@
+// Extracting whole archives: the tree, the flags, hook order, and what is
+// left behind when an entry fails.
+#include "fixture.h"
+
+namespace xt {
+namespace {
+
+using Srch = CArchiveFile::CSrchFlags;
+using Attr = CArchiveFile::CAttrFlags;
+
+std::uint64_t Time(const FILETIME& t) {
+  return (static_cast<std::uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime;
+}
+
+WIN32_FIND_DATAW Look(const std::string& host) {
+  WIN32_FIND_DATAW data{};
+  const HANDLE h = FindFirstFileW(talvern::HostPathToWindows(host).c_str(), &data);
+  EXPECT_NE(INVALID_HANDLE_VALUE, h) << host;
+  if (h != INVALID_HANDLE_VALUE) ::FindClose(h);
+  return data;
+}
+
+// a\b\c.txt, a\d.txt and a compressed top-level file, in the pre-order the
+// adding side writes.
+std::vector<Item> SmallTree() {
+  std::vector<Item> items;
+  Item a = Dir("", "a");
+  a.Creation = kTime + 1;
+  a.LastAccess = kTime + 2;
+  a.LastWrite = kTime + 3;
+  items.push_back(a);
+  Item b = Dir("a", "b");
+  b.LastWrite = kTime + 5;
+  items.push_back(b);
+  Item c = File("a\\b", "c.txt", "the contents of c");
+  c.Attributes = FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_READONLY;
+  items.push_back(c);
+  items.push_back(File("a", "d.txt", std::string(70000, 'd')));
+  auto bytes = test::RandomBytes(50000, 7);
+  bytes.insert(bytes.end(), 50000, 'x');
+  items.push_back(File("", "top.bin", bytes, 1));
+  return items;
+}
+
+TEST_F(ExtractTest, TreeExtractsWithContentsTimesAndAttributes) {
+  const auto items = SmallTree();
+  WriteArchive(items);
+
+  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
+  EXPECT_EQ(0u, archive.GetErrorCode());
+  EXPECT_FALSE(archive.IsOpen());
+
+  // Times are set after the contents, on directories after everything
+  // inside them; attributes last. (Looked at before anything reads the
+  // items, which may move their last-access times.)
+  const auto a = Look(Out("a"));
+  EXPECT_EQ(kTime + 1, Time(a.ftCreationTime));
+  EXPECT_EQ(kTime + 2, Time(a.ftLastAccessTime));
+  EXPECT_EQ(kTime + 3, Time(a.ftLastWriteTime));
+  EXPECT_EQ(FILE_ATTRIBUTE_DIRECTORY, a.dwFileAttributes & ~FILE_ATTRIBUTE_ARCHIVE);
+  EXPECT_EQ(kTime + 5, Time(Look(Out("a/b")).ftLastWriteTime));
+  const auto c = Look(Out("a/b/c.txt"));
+  EXPECT_EQ(FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_READONLY, c.dwFileAttributes);
+  EXPECT_EQ(items[2].Creation, Time(c.ftCreationTime));
+  EXPECT_EQ(items[2].LastAccess, Time(c.ftLastAccessTime));
+  EXPECT_EQ(items[2].LastWrite, Time(c.ftLastWriteTime));
+
+  EXPECT_EQ((std::vector<std::string>{"a", "a/b", "a/b/c.txt", "a/d.txt", "top.bin"}),
+            ListTree(Out()));
+  EXPECT_EQ("the contents of c", test::ReadText(Out("a/b/c.txt")));
+  EXPECT_EQ(std::string(70000, 'd'), test::ReadText(Out("a/d.txt")));
+  EXPECT_EQ(items[4].Contents, test::ReadFile(Out("top.bin")));
+
+  EXPECT_EQ((std::vector<std::string>{"ExpandStart", "DoDiskChange 1", "ExpandFile a",
+                                      "ExpandFile b", "ExpandFile c.txt", "ExpandFile d.txt",
+                                      "ExpandFile top.bin", "ExpandComplete 1"}),
+            archive.Calls);
+  EXPECT_TRUE(Temporaries().empty());
+}
+
+TEST_F(ExtractTest, ProgressCountsStoredBytesInClusterAlignedPieces) {
+  // 600000 stored bytes: the copy reports 0, then after each piece of the
+  // buffer (a multiple of the cluster size, at most 256 KiB), then once more
+  // at the end.
+  WriteArchive({File("", "big", test::RandomBytes(600000, 3))});
+  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
+  ASSERT_GE(archive.Progress.size(), 4u);
+  EXPECT_EQ(0u, archive.Progress.front().GetValue());
+  EXPECT_EQ(600000u, archive.Progress.back().GetValue());
+  const std::uint64_t piece = archive.Progress[1].GetValue();
+  EXPECT_LE(piece, 262144u);
+  for (size_t i = 1; i + 2 < archive.Progress.size(); ++i)
+    EXPECT_EQ(piece * i, archive.Progress[i].GetValue());
+}
+
+TEST_F(ExtractTest, KeepFolderOffPutsFilesInTargetAndCreatesNoDirectories) {
+  WriteArchive(SmallTree());
+  ASSERT_EQ(1, ExpandAll({}, CArchiveFile::AttrNoPath)) << archive.GetErrorCode();
+  EXPECT_EQ((std::vector<std::string>{"c.txt", "d.txt", "top.bin"}), ListTree(Out()));
+}
+
+TEST_F(ExtractTest, NoRecurseCreatesDirectoryAndPassesItsContents) {
+  WriteArchive(SmallTree());
+  ASSERT_EQ(1, ExpandAll(CArchiveFile::SrchNoRecurse)) << archive.GetErrorCode();
+  EXPECT_EQ((std::vector<std::string>{"a", "top.bin"}), ListTree(Out()));
+  // The passed-over files were still walked and reported: c.txt (17 bytes)
+  // and d.txt (70000) appear in the progress.
+  bool sawC = false, sawD = false;
+  for (const auto& p : archive.Progress) {
+    sawC |= p.GetValue() == 17;
+    sawD |= p.GetValue() == 70000;
+  }
+  EXPECT_TRUE(sawC);
+  EXPECT_TRUE(sawD);
+}
+
+TEST_F(ExtractTest, ExcludedReadOnlyDirectoryIsPassedWithItsContents) {
+  std::vector<Item> items;
+  Item ro = Dir("", "ro");
+  ro.Attributes |= FILE_ATTRIBUTE_READONLY;
+  items.push_back(ro);
+  items.push_back(Dir("ro", "inner"));
+  items.push_back(File("ro\\inner", "deep.txt", std::string(1000, 'q')));
+  items.push_back(File("ro", "f.txt", "in ro"));
+  items.push_back(File("", "after.txt", "after"));
+  WriteArchive(items);
+
+  ASSERT_EQ(1, ExpandAll(CArchiveFile::SrchExcludeReadOnly)) << archive.GetErrorCode();
+  EXPECT_EQ((std::vector<std::string>{"after.txt"}), ListTree(Out()));
+  EXPECT_EQ("after", test::ReadText(Out("after.txt")));
+}
+
+TEST_F(ExtractTest, AttributeFlagsAndDefaultTimes) {
+  Item f = File("", "f.txt", "x");
+  f.Attributes = FILE_ATTRIBUTE_READONLY;
+  WriteArchive({f});
+  FILETIME created{0x11111111u, 0x01D00000u};
+  archive.DefaultCreateTime(created);
+
+  // Clear read-only, then invert archive; times not kept: the default
+  // creation time stands for all three.
+  const Attr attr =
+      CArchiveFile::AttrClearReadOnly | CArchiveFile::AttrToggleArchive | CArchiveFile::AttrNoTimes;
+  ASSERT_EQ(1, ExpandAll({}, attr)) << archive.GetErrorCode();
+  const auto data = Look(Out("f.txt"));
+  EXPECT_EQ(FILE_ATTRIBUTE_ARCHIVE, data.dwFileAttributes);
+  EXPECT_EQ(Time(created), Time(data.ftCreationTime));
+  EXPECT_EQ(Time(created), Time(data.ftLastWriteTime));
+  EXPECT_EQ(Time(created), Time(data.ftLastAccessTime));
+}
+
+TEST_F(ExtractTest, UnknownMethodFailsBeforeExpandFileNotify) {
+  WriteArchive(
+      {File("", "first.txt", "ok"), File("", "odd.bin", "stored", 5), File("", "never.txt", "no")});
+  EXPECT_EQ(0, ExpandAll());
+  EXPECT_EQ(ERROR_INVALID_DATATYPE, archive.GetErrorCode());
+  EXPECT_EQ((std::vector<std::string>{"ExpandStart", "DoDiskChange 1", "ExpandFile first.txt",
+                                      "ExpandComplete 0"}),
+            archive.Calls);
+  EXPECT_EQ((std::vector<std::string>{"first.txt"}), ListTree(Out()));
+  EXPECT_FALSE(archive.IsOpen());
+}
+
+TEST_F(ExtractTest, CancelInSecondExpandNotifyLeavesNoOutputAndNoTemporaryFile) {
+  WriteArchive(
+      {File("", "keep.txt", "earlier"), File("", "big.bin", test::RandomBytes(300000, 5))});
+  // keep.txt makes three calls (start, one piece, end); the second call for
+  // big.bin is the fifth.
+  archive.CancelAtExpandNotify = 5;
+  EXPECT_EQ(0, ExpandAll());
+  EXPECT_EQ(ERROR_CANCELLED, archive.GetErrorCode());
+  EXPECT_TRUE(archive.IsAborted());
+  EXPECT_FALSE(archive.IsOpen());
+  EXPECT_EQ("ExpandComplete 0", archive.Calls.back());
+  EXPECT_EQ((std::vector<std::string>{"keep.txt"}), ListTree(Out()));
+  EXPECT_TRUE(Temporaries().empty());
+}
+
+TEST_F(ExtractTest, CorruptedDataByteIsCaughtAndTheOutputRemoved) {
+  struct Case {
+    Item item;
+    size_t fromEnd; // which byte of the volume (counted from its end) is flipped
+    DWORD error;
+  };
+  // Random bytes compress to literals: a flipped bit in the middle changes
+  // one decoded byte (CRC). Near the end of a stream of long matches it
+  // changes how much is decoded (length).
+  const Case cases[] = {
+      {File("", "plain.txt", std::string(5000, 'p')), 2500, ERROR_CRC},
+      {File("", "packed.bin", test::RandomBytes(20000, 4), 1), 10000, ERROR_CRC},
+      {File("", "packed.txt", std::string(20000, 'z') + "tail", 1), 2, ERROR_WRITE_FAULT},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(test::N(c.item.Name) + " " + std::to_string(c.fromEnd));
+    auto bytes = BuildVolumes({c.item}).at(0);
+    bytes[bytes.size() - c.fromEnd] ^= 0x01;
+    test::WriteFile(ArchiveHost(), bytes);
+    ASSERT_TRUE(archive.FileName(Win(ArchiveHost()).c_str(), nullptr));
+    EXPECT_EQ(0, ExpandAll());
+    EXPECT_EQ(c.error, archive.GetErrorCode());
+    EXPECT_TRUE(ListTree(Out()).empty());
+    EXPECT_TRUE(Temporaries().empty());
+  }
+}
+
+TEST_F(ExtractTest, StoredCrcThatDoesNotMatchIsError23) {
+  Item item = File("", "f.txt", "contents");
+  item.CorruptCrc = true;
+  WriteArchive({item});
+  EXPECT_EQ(0, ExpandAll());
+  EXPECT_EQ(ERROR_CRC, archive.GetErrorCode());
+  EXPECT_TRUE(ListTree(Out()).empty());
+}
+
+TEST_F(ExtractTest, TopLevelEndsAtFirstEntryOfAnotherFolder) {
+  // No directory record introduces "x": the top level ends at once.
+  WriteArchive({File("x", "f.txt", "unreachable"), File("", "g.txt", "also unreachable")});
+  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
+  EXPECT_TRUE(ListTree(Out()).empty());
+}
+
+TEST_F(ExtractTest, RefusesWhenBusyOrUnnamedWithoutCallingHooks) {
+  CArchiveFile unnamed;
+  EXPECT_EQ(0, unnamed.ExpandAll(OutWin().c_str(), {}, {}));
+  EXPECT_EQ(ERROR_PATH_BUSY, unnamed.GetErrorCode());
+
+  // An error recorded before the refusal is not cleared.
+  WriteArchive({File("", "f.txt", "x")});
+  struct Busy : Recorder {
+    int IsBusy() const override { return 1; }
+  } busy;
+  ASSERT_TRUE(busy.FileName(Win(ArchiveHost()).c_str(), nullptr));
+  busy.SetErrorCode(ERROR_GEN_FAILURE);
+  EXPECT_EQ(0, busy.ExpandAll(OutWin().c_str(), {}, {}));
+  EXPECT_EQ(ERROR_GEN_FAILURE, busy.GetErrorCode());
+  EXPECT_TRUE(busy.Calls.empty());
+}
+
+} // namespace
+} // namespace xt

@@ -1,0 +1,119 @@
+// Trees packed by CompressAll and extracted by ExpandAll come back
+// identical: names, folders, contents, attributes and all three times.
+#include "fixture.h"
+
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace xt {
+namespace {
+
+FILETIME Now() {
+  SYSTEMTIME s{};
+  GetSystemTime(&s);
+  FILETIME f{};
+  SystemTimeToFileTime(&s, &f);
+  return f;
+}
+
+FILETIME Plus(const FILETIME& t, std::int64_t seconds) {
+  const std::uint64_t v = ((static_cast<std::uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime) +
+                          static_cast<std::uint64_t>(seconds * 10000000);
+  return FILETIME{static_cast<DWORD>(v), static_cast<DWORD>(v >> 32)};
+}
+
+// Gives every item below root its own three times, deepest items first so
+// that a folder's times are not moved by what happens inside it. Last-access
+// times lie in the future: file systems that update them on reading
+// (relatime) leave such times alone, so reading the trees to compare them
+// does not change what is compared.
+void StampTimes(const std::string& root) {
+  std::vector<fs::path> items;
+  for (const auto& e : fs::recursive_directory_iterator(root)) items.push_back(e.path());
+  std::sort(items.begin(), items.end(), [](const fs::path& a, const fs::path& b) {
+    return a.string().size() > b.string().size();
+  });
+  const FILETIME now = Now();
+  std::int64_t i = 0;
+  for (const auto& p : items) {
+    ++i;
+    const bool dir = fs::is_directory(p);
+    const CString win = talvern::HostPathToWindows(p.string());
+    const HANDLE h = CreateFileW(win.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                 nullptr, OPEN_EXISTING,
+                                 dir ? FILE_FLAG_BACKUP_SEMANTICS : FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, h) << p;
+    const FILETIME created = Plus(now, -400 * 86400 + i);
+    const FILETIME written = Plus(now, -2 * 86400 + i * 7);
+    const FILETIME accessed = Plus(now, 86400 + i * 3);
+    EXPECT_TRUE(SetFileTime(h, &created, &accessed, &written)) << p;
+    CloseHandle(h);
+  }
+}
+
+std::vector<std::uint8_t> Descriptor(const std::string& host) {
+  const CString win = talvern::HostPathToWindows(host);
+  const DWORD what =
+      OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+  DWORD needed = 0;
+  GetFileSecurityW(win.c_str(), what, nullptr, 0, &needed);
+  std::vector<std::uint8_t> bytes(needed);
+  if (!GetFileSecurityW(win.c_str(), what, bytes.data(), needed, &needed)) bytes.clear();
+  return bytes;
+}
+
+void SetAttributes(const std::string& host, DWORD attributes) {
+  ASSERT_TRUE(SetFileAttributesW(talvern::HostPathToWindows(host).c_str(), attributes)) << host;
+}
+
+TEST_F(ExtractTest, TreeMadeByCompressAllExtractsToAnIdenticalTree) {
+  const std::string src = tmp.Host("source");
+  test::WriteFile(src + "/a/b/c.txt", "deep text");
+  test::WriteFile(src + "/a/d.bin", test::RandomBytes(100000, 21));
+  test::WriteFile(src + "/a/repeat.txt", std::string(50000, 'r'));
+  test::WriteFile(src + "/empty.txt", "");
+  test::WriteFile(src + "/.dotted", "hidden by its name");
+  test::WriteFile(src + "/hidden.txt", "hidden by its attribute");
+  test::WriteFile(src + "/ro/inside.txt", "in a read-only folder");
+  fs::create_directories(src + "/a/empty-dir");
+  test::WriteFile(src + "/corpus.txt", test::ReadFile(RealFiles().at(0)));
+  StampTimes(src);
+  SetAttributes(src + "/a/b/c.txt", FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_ARCHIVE);
+  SetAttributes(src + "/hidden.txt", FILE_ATTRIBUTE_HIDDEN);
+  SetAttributes(src + "/ro", FILE_ATTRIBUTE_READONLY);
+
+  ASSERT_TRUE(archive.FileName(Win(ArchiveHost()).c_str(), nullptr));
+  ASSERT_EQ(1, archive.CompressAll(Win(src).c_str(), {}, {})) << archive.GetErrorCode();
+  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
+  EXPECT_EQ("", CompareTrees(src, Out()));
+  EXPECT_TRUE(Temporaries().empty());
+  // The descriptors came along too, read-only items included.
+  for (const char* item : {"a/b/c.txt", "ro", "ro/inside.txt", "a/d.bin"})
+    EXPECT_EQ(Descriptor(src + "/" + item), Descriptor(Out(item))) << item;
+}
+
+TEST_F(ExtractTest, LongNumberedSetMadeWithASmallLimitExtractsIdentical) {
+  const std::string src = tmp.Host("source");
+  for (const auto& f : RealFiles())
+    test::WriteFile(src + "/corpus/" + fs::path(f).filename().string(), test::ReadFile(f));
+  test::WriteFile(src + "/after.txt", "after the corpus");
+  StampTimes(src);
+
+  const CArchiveSize limit(100000u);
+  ASSERT_TRUE(archive.FileName(Win(tmp.Host("set.arc")).c_str(), &limit));
+  ASSERT_EQ(1, archive.CompressAll(Win(src).c_str(), {}, CArchiveFile::AttrNoSecurity))
+      << archive.GetErrorCode();
+  size_t count = 0;
+  while (test::Exists(NumberedName(tmp.Host("set"), static_cast<unsigned>(count)))) ++count;
+  ASSERT_GE(count, 10u);
+
+  // The object now names the last volume written: name the set again.
+  ASSERT_TRUE(archive.FileName(Win(tmp.Host("set.arc")).c_str(), &limit));
+  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
+  EXPECT_EQ("", CompareTrees(src, Out()));
+  EXPECT_EQ(static_cast<int>(count), archive.DiskChangeCalls);
+}
+
+} // namespace
+} // namespace xt

@@ -1,0 +1,84 @@
+// Stored security descriptors given to extracted items, and damaged ones
+// that must not fail an extraction.
+#include "fixture.h"
+
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace xt {
+namespace {
+
+constexpr DWORD kOwnerGroupDacl =
+    OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+
+// The self-relative descriptor the system gives for a host file with the
+// given permission bits.
+std::vector<std::uint8_t> DescriptorOf(const std::string& host, fs::perms perms) {
+  test::WriteFile(host, "sample");
+  fs::permissions(host, perms);
+  const CString win = talvern::HostPathToWindows(host);
+  DWORD needed = 0;
+  GetFileSecurityW(win.c_str(), kOwnerGroupDacl, nullptr, 0, &needed);
+  std::vector<std::uint8_t> bytes(needed);
+  EXPECT_TRUE(GetFileSecurityW(win.c_str(), kOwnerGroupDacl, bytes.data(), needed, &needed));
+  fs::remove(host);
+  return bytes;
+}
+
+fs::perms PermsOf(const std::string& host) {
+  return fs::status(host).permissions() & fs::perms::all;
+}
+
+constexpr fs::perms kUnusual = fs::perms::owner_read | fs::perms::owner_write |
+                               fs::perms::others_read; // 0604: no default gives that
+
+TEST_F(ExtractTest, StoredDescriptorIsGivenToTheOutputWhenSecurityIsOn) {
+  Item file = File("", "f.txt", "secured");
+  file.Security = DescriptorOf(tmp.Host("sample"), kUnusual);
+  Item dir = Dir("", "d");
+  dir.Security = DescriptorOf(tmp.Host("sample"), kUnusual | fs::perms::owner_exec);
+  WriteArchive({dir, file});
+
+  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
+  EXPECT_EQ(kUnusual, PermsOf(Out("f.txt")));
+  EXPECT_EQ(kUnusual | fs::perms::owner_exec, PermsOf(Out("d")));
+  EXPECT_EQ("secured", test::ReadText(Out("f.txt")));
+
+  // With the option off the same archive extracts with default security.
+  fs::remove_all(Out());
+  ASSERT_EQ(1, ExpandAll({}, CArchiveFile::AttrNoSecurity)) << archive.GetErrorCode();
+  EXPECT_NE(kUnusual, PermsOf(Out("f.txt")));
+}
+
+TEST_F(ExtractTest, DamagedDescriptorsFallBackToDefaultSecurity) {
+  const auto good = DescriptorOf(tmp.Host("sample"), kUnusual);
+  std::vector<std::vector<std::uint8_t>> damaged;
+  damaged.push_back(test::RandomBytes(64, 9));                        // noise
+  damaged.emplace_back(good.begin(), good.begin() + good.size() / 2); // cut short
+  damaged.emplace_back(good.begin(), good.begin() + 19);              // header cut
+  auto farOffset = good;
+  farOffset[4] = 0xF0; // owner offset far beyond the block
+  damaged.push_back(farOffset);
+  auto absolute = good;
+  absolute[3] &= 0x7F; // no longer marked self-relative: offsets read as pointers
+  damaged.push_back(absolute);
+
+  std::vector<Item> items;
+  for (size_t i = 0; i < damaged.size(); ++i) {
+    Item f = File("", "f" + std::to_string(i), "data " + std::to_string(i));
+    f.Security = damaged[i];
+    items.push_back(f);
+  }
+  WriteArchive(items);
+
+  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
+  for (size_t i = 0; i < damaged.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ("data " + std::to_string(i), test::ReadText(Out("f" + std::to_string(i))));
+    EXPECT_NE(kUnusual, PermsOf(Out("f" + std::to_string(i))));
+  }
+}
+
+} // namespace
+} // namespace xt

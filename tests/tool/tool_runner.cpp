@@ -1,0 +1,179 @@
+#include "tool_runner.h"
+
+#include "support/test_support.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace tooltest {
+namespace {
+
+constexpr auto kDeadline = std::chrono::seconds(120);
+
+std::vector<char*> Argv(const std::vector<std::string>& args, std::string& tool) {
+  tool = ToolPath();
+  std::vector<char*> argv;
+  argv.push_back(tool.data());
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  return argv;
+}
+
+int ExitCodeOf(int status) {
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+std::size_t CountQuestions(const std::string& text) {
+  std::size_t count = 0;
+  for (const char* marker : {"stop: ", "[c]ancel: "}) {
+    for (std::size_t at = text.find(marker); at != std::string::npos;
+         at = text.find(marker, at + 1))
+      ++count;
+  }
+  return count;
+}
+
+} // namespace
+
+std::string ToolPath() { return TALVERN_BINARY_DIR "/tools/talvern"; }
+
+RunResult Run(const std::vector<std::string>& args, const std::string& cwd) {
+  int out[2], err[2];
+  if (pipe(out) != 0 || pipe(err) != 0) return {};
+  std::string tool;
+  std::vector<char*> argv = Argv(args, tool);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setsid(); // no controlling terminal: the tool can ask nobody
+    const int null = open("/dev/null", O_RDONLY);
+    dup2(null, 0);
+    dup2(out[1], 1);
+    dup2(err[1], 2);
+    close(out[0]);
+    close(err[0]);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+  close(err[1]);
+  RunResult result;
+  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+  int open = 2;
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  while (open > 0 && std::chrono::steady_clock::now() < deadline) {
+    if (poll(fds, 2, 200) <= 0) continue;
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
+      char buffer[4096];
+      const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+      if (n > 0) {
+        (i == 0 ? result.out : result.err).append(buffer, static_cast<std::size_t>(n));
+      } else {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        --open;
+      }
+    }
+  }
+  if (open > 0) kill(pid, SIGKILL);
+  for (const pollfd& f : fds)
+    if (f.fd >= 0) close(f.fd);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  result.exitCode = ExitCodeOf(status);
+  return result;
+}
+
+RunResult RunOnTerminal(const std::vector<std::string>& args, const std::string& cwd,
+                        const std::vector<std::string>& answers) {
+  std::string tool;
+  std::vector<char*> argv = Argv(args, tool);
+  winsize size{};
+  size.ws_row = 30;
+  size.ws_col = 120;
+  int master = -1;
+  const pid_t pid = forkpty(&master, nullptr, nullptr, &size);
+  if (pid < 0) return {};
+  if (pid == 0) {
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  RunResult result;
+  std::size_t answered = 0;
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  bool finished = false;
+  while (!finished && std::chrono::steady_clock::now() < deadline) {
+    pollfd fd{master, POLLIN, 0};
+    if (poll(&fd, 1, 200) <= 0) continue;
+    char buffer[4096];
+    const ssize_t n = read(master, buffer, sizeof buffer);
+    if (n <= 0) {
+      finished = true; // EIO once the tool has gone
+      break;
+    }
+    result.out.append(buffer, static_cast<std::size_t>(n));
+    while (CountQuestions(result.out) > answered) {
+      const std::string line = (answered < answers.size() ? answers[answered] : "q") + "\n";
+      ++answered;
+      if (write(master, line.data(), line.size()) < 0) break;
+    }
+  }
+  if (!finished) kill(pid, SIGKILL);
+  close(master);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  result.exitCode = ExitCodeOf(status);
+  return result;
+}
+
+std::string CompareTrees(const std::string& expected, const std::string& actual) {
+  auto collect = [](const std::string& root) {
+    std::map<std::string, std::string> items; // relative path -> "dir" or contents
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(root, ec);
+         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+      const std::string relative = fs::relative(it->path(), root).string();
+      items[relative] =
+          it->is_directory() ? std::string("<dir>") : "file:" + test::ReadText(it->path().string());
+    }
+    return items;
+  };
+  const auto want = collect(expected);
+  const auto have = collect(actual);
+  std::string differences;
+  for (const auto& [path, value] : want) {
+    const auto found = have.find(path);
+    if (found == have.end())
+      differences += "missing: " + path + "\n";
+    else if (found->second != value)
+      differences += "differs: " + path + "\n";
+  }
+  for (const auto& [path, value] : have)
+    if (!want.count(path)) differences += "extra: " + path + "\n";
+  return differences;
+}
+
+unsigned ArchiveCrc(const std::string& bytes) {
+  unsigned crc = 0;
+  for (unsigned char c : bytes) {
+    crc ^= c;
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ ((crc & 1) ? 0xEDB88320u : 0u);
+  }
+  return crc;
+}
+
+} // namespace tooltest

@@ -1,0 +1,38 @@
+// Runs the built talvern tool for the end-to-end tests: with pipes (no
+// terminal at all), or on a pseudo-terminal with answers typed at its
+// questions.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tooltest {
+
+struct RunResult {
+  int exitCode = -1;
+  std::string out; // standard output (on a terminal: everything shown)
+  std::string err; // standard error (empty on a terminal)
+};
+
+// The tool's path in the build tree.
+std::string ToolPath();
+
+// Runs the tool in cwd with standard input from /dev/null, without a
+// controlling terminal.
+RunResult Run(const std::vector<std::string>& args, const std::string& cwd);
+
+// Runs the tool on a pseudo-terminal. Each time the output shows one more
+// question (a line ending in ": " after "stop" or "[c]ancel"), the next
+// answer is typed, followed by Enter.
+RunResult RunOnTerminal(const std::vector<std::string>& args, const std::string& cwd,
+                        const std::vector<std::string>& answers);
+
+// Differences between two host folder trees (names, kinds, contents); empty
+// when they are identical.
+std::string CompareTrees(const std::string& expected, const std::string& actual);
+
+// The archive's CRC-32: reflected polynomial 0xEDB88320, starting at 0,
+// without a final inversion.
+unsigned ArchiveCrc(const std::string& bytes);
+
+} // namespace tooltest

@@ -1,0 +1,83 @@
+#include "terminal.h"
+
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace tool {
+namespace {
+
+volatile std::sig_atomic_t g_interrupted = 0;
+
+void OnInterrupt(int) { g_interrupted = 1; }
+
+// The terminal that questions are read from: standard input when it is a
+// terminal, else the controlling terminal. -1 when there is none.
+int QuestionInput(bool& owned) {
+  owned = false;
+  if (isatty(STDIN_FILENO)) return STDIN_FILENO;
+  const int fd = open("/dev/tty", O_RDWR | O_CLOEXEC);
+  if (fd >= 0) owned = true;
+  return fd;
+}
+
+} // namespace
+
+bool ErrorIsTerminal() { return isatty(STDERR_FILENO) != 0; }
+
+int TerminalColumns() {
+  winsize size{};
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+  return 80;
+}
+
+void InstallInterruptHandler() {
+  struct sigaction action {};
+  action.sa_handler = OnInterrupt;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = 0; // no restart: a pending read of an answer returns at once
+  sigaction(SIGINT, &action, nullptr);
+}
+
+bool Interrupted() { return g_interrupted != 0; }
+
+void RequestInterrupt() { g_interrupted = 1; }
+
+bool CanAsk() {
+  bool owned = false;
+  const int fd = QuestionInput(owned);
+  if (owned) close(fd);
+  return fd >= 0;
+}
+
+std::optional<std::string> AskTerminal(const std::string& question) {
+  bool owned = false;
+  const int fd = QuestionInput(owned);
+  if (fd < 0) return std::nullopt;
+  // The question goes where the answer comes from.
+  const int out = owned ? fd : (isatty(STDERR_FILENO) ? STDERR_FILENO : STDOUT_FILENO);
+  std::fflush(stdout);
+  std::fflush(stderr);
+  if (write(out, question.data(), question.size()) < 0) {
+    // A question that cannot be shown is still answered; nothing to do.
+  }
+  std::string line;
+  bool complete = false;
+  while (!g_interrupted) {
+    char c = 0;
+    const ssize_t n = read(fd, &c, 1);
+    if (n <= 0) break; // end of input, or Ctrl-C
+    if (c == '\n') {
+      complete = true;
+      break;
+    }
+    if (c != '\r') line += c;
+  }
+  if (owned) close(fd);
+  if (!complete || g_interrupted) return std::nullopt;
+  return line;
+}
+
+} // namespace tool
