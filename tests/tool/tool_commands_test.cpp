@@ -301,6 +301,53 @@ TEST_F(ToolTest, CreateReplacesOnlyWithForce) {
   EXPECT_EQ(CompareTrees(Tree() + "/src", Path("out-set")), "");
 }
 
+TEST_F(ToolTest, OptionsShapeWhatIsStoredAndExtracted) {
+  // --store keeps every file as it is.
+  RunResult r = Ok({"create", "--store", "stored.arc", "tree"});
+  r = Ok({"list", "--json", "stored.arc"});
+  EXPECT_FALSE(Contains(r.out, "\"method_name\": \"lz1\"")) << r.out;
+  EXPECT_TRUE(Contains(r.out, "\"size\": 378595, \"packed\": 378595")) << r.out;
+
+  // --no-recurse takes the top-level folders without their contents.
+  r = Ok({"create", "--no-recurse", "top.arc", "tree"});
+  r = Ok({"list", "top.arc"});
+  EXPECT_TRUE(Contains(r.out, "  docs\n")) << r.out;
+  EXPECT_FALSE(Contains(r.out, "docs\\")) << r.out;
+  EXPECT_TRUE(Contains(r.out, "read me first.txt")) << r.out;
+
+  // --no-paths on extraction puts every file straight into the target.
+  Ok({"create", "all.arc", "tree"});
+  Ok({"extract", "--no-paths", "all.arc", "flat"});
+  EXPECT_TRUE(test::Exists(Path("flat/leaf.txt")));
+  EXPECT_TRUE(test::Exists(Path("flat/note07.txt")));
+  EXPECT_FALSE(test::Exists(Path("flat/docs")));
+  EXPECT_EQ(test::ReadText(Path("flat/util.c")), test::ReadText(Tree() + "/src/lib/util.c"));
+}
+
+TEST_F(ToolTest, NoTemporaryFilesStayBehind) {
+  // Testing expands into scratch files, extracting copies stored data into
+  // them: none of them is left in the temporary folder.
+  fs::create_directories(Path("tmp"));
+  const std::vector<std::string> env = {"TMPDIR=" + Path("tmp")};
+  for (const auto& args : std::vector<std::vector<std::string>>{
+           {"create", "a.arc", "tree"}, {"test", "a.arc"}, {"extract", "a.arc", "out"}}) {
+    const RunResult r = tooltest::Run(args, dir.Host(), env);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_TRUE(fs::is_empty(Path("tmp"))) << args[0];
+  }
+}
+
+TEST_F(ToolTest, JsonListingOfADamagedArchiveCarriesTheError) {
+  Ok({"create", "cut.arc", "tree"});
+  fs::resize_file(Path("cut.arc"), 100);
+  const RunResult r = Tool({"list", "--json", "cut.arc"});
+  EXPECT_EQ(r.exitCode, 3);
+  EXPECT_TRUE(Contains(r.out, "\"error\": {\"code\": 1804, \"name\": "
+                              "\"ERROR_INVALID_DATATYPE\""))
+      << r.out;
+  EXPECT_EQ(r.out.substr(r.out.size() - 2), "}\n");
+}
+
 TEST_F(ToolTest, FailedCreateLeavesNoArchive) {
   // A fixed drive too small for the tree: the disk fills up and there is no
   // further volume to go to.

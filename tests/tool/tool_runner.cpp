@@ -49,7 +49,8 @@ std::size_t CountQuestions(const std::string& text) {
 
 std::string ToolPath() { return TALVERN_BINARY_DIR "/tools/talvern"; }
 
-RunResult Run(const std::vector<std::string>& args, const std::string& cwd) {
+RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
+              const std::vector<std::string>& env) {
   int out[2], err[2];
   if (pipe(out) != 0 || pipe(err) != 0) return {};
   std::string tool;
@@ -64,6 +65,7 @@ RunResult Run(const std::vector<std::string>& args, const std::string& cwd) {
     close(out[0]);
     close(err[0]);
     if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+    for (const std::string& setting : env) putenv(const_cast<char*>(setting.c_str()));
     execv(argv[0], argv.data());
     _exit(127);
   }

@@ -18,8 +18,10 @@ struct RunResult {
 std::string ToolPath();
 
 // Runs the tool in cwd with standard input from /dev/null, without a
-// controlling terminal.
-RunResult Run(const std::vector<std::string>& args, const std::string& cwd);
+// controlling terminal, with the environment variables NAME=VALUE of env
+// added.
+RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
+              const std::vector<std::string>& env = {});
 
 // Runs the tool on a pseudo-terminal. Each time the output shows one more
 // question (a line ending in ": " after "stop" or "[c]ancel"), the next
