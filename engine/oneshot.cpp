@@ -199,21 +199,17 @@ bool FileView::Open(DWORD& error, bool writing, HANDLE file, DWORD& wanted) {
 
 // Every function starts from the caller's error value and a result size of
 // 0, and stores the value back at the end (changed only on failure).
-class Call {
-public:
-  Call(DWORD* error, DWORD* resultSize) : error_(error), value(error ? *error : 0) {
+struct Call {
+  Call(DWORD* error, DWORD* resultSize) : caller(error), value(error ? *error : 0) {
     if (resultSize != nullptr) *resultSize = 0;
   }
   int Finish(BOOL ok) {
-    if (error_ != nullptr) *error_ = value;
+    if (caller != nullptr) *caller = value;
     return ok ? TRUE : FALSE;
   }
 
-private:
-  DWORD* error_;
-
-public:
-  DWORD value;
+  DWORD* caller; // where the error value goes back to
+  DWORD value;   // the error value while the call runs
 };
 
 } // namespace
