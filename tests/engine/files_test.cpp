@@ -531,3 +531,36 @@ TEST(FileStreams, EngineFileEntryPoints) {
 }
 
 } // namespace
+
+namespace {
+
+// Files the mapping cannot use: the system's code comes back, nothing
+// else changes.
+TEST(OneShotFiles, MappingFailuresReportTheSystemsCode) {
+  test::TempDir dir;
+  const Bytes data = TextLike(1000, 3);
+  test::WriteFile(dir.Host("f"), data);
+  Bytes out(2000);
+  DWORD error = 0, size = 9;
+  {
+    File writeOnly(dir.Win("f"), GENERIC_WRITE, OPEN_EXISTING);
+    EXPECT_FALSE(GetCompressFileToMem(writeOnly.Get(), 1000, &error, &size, out.data(), 2000, 1));
+    EXPECT_EQ(ERROR_ACCESS_DENIED, error);
+    EXPECT_EQ(0u, size);
+  }
+  {
+    File readOnly(dir.Win("f"), GENERIC_READ, OPEN_EXISTING);
+    error = 0;
+    EXPECT_FALSE(GetCompressMemToFile(data.data(), 1000, &error, &size, readOnly.Get(), 2000, 1));
+    EXPECT_EQ(ERROR_ACCESS_DENIED, error);
+    EXPECT_EQ(0u, size);
+  }
+  EXPECT_EQ(data, test::ReadFile(dir.Host("f")));
+  // A handle that is not open at all fails in SetFilePointer.
+  error = 0;
+  EXPECT_FALSE(GetCompressFileToMem(reinterpret_cast<HANDLE>(0x7FFF0000), 10, &error, &size,
+                                    out.data(), 2000, 1));
+  EXPECT_EQ(ERROR_INVALID_HANDLE, error);
+}
+
+} // namespace
