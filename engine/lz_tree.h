@@ -19,6 +19,12 @@
 #include <cstring>
 
 #if defined(__GNUC__) || defined(__clang__)
+#define TALVERN_PREFETCH(address) __builtin_prefetch(address)
+#else
+#define TALVERN_PREFETCH(address) static_cast<void>(address)
+#endif
+
+#if defined(__GNUC__) || defined(__clang__)
 #define TALVERN_ALWAYS_INLINE inline __attribute__((always_inline))
 #define TALVERN_NOINLINE __attribute__((noinline))
 #elif defined(_MSC_VER)
@@ -177,6 +183,18 @@ template <class Shape> TALVERN_ALWAYS_INLINE void UpdateTree(Tree<Shape>& t) {
   const BYTE* const text = t.text;
   const unsigned n = t.n;
   const unsigned pos = t.pos;
+
+  // Start fetching where the search will begin, so that the memory arrives
+  // while the removal runs: the node above the previous match's successor,
+  // or the first node of the chain below the root.
+  if (t.matchLen > t.minMatch) {
+    const unsigned start = l.Parent((t.matchPos + 1) | n);
+    TALVERN_PREFETCH(&info[start]);
+    TALVERN_PREFETCH(&l.Parent(start));
+  } else {
+    const unsigned first = l.Head(ChildChain(n + text[pos], text[pos + 1]));
+    TALVERN_PREFETCH(&l.Parent(first));
+  }
 
   // Removal of the oldest string.
   if (l.Parent(pos) != NIL) {
