@@ -10,6 +10,7 @@
 #include "archive/archive_data.h"
 #include "archive/volume_io.h"
 #include "foundation/paths.h"
+#include "volumes/media_query.h"
 #include "volumes/naming.h"
 
 #include <cstring>
@@ -70,11 +71,7 @@ int CArchiveFile::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHA
   if (prompting && otherPath != nullptr) {
     // The files being added lie on the archive's own medium: it cannot be
     // changed.
-    DWORD serial1 = 0, flags1 = 0, serial2 = 0, flags2 = 0;
-    CString label1, label2;
-    GetMediaInfo(serial1, flags1, &label1, root);
-    GetMediaInfo(serial2, flags2, &label2, otherPath);
-    if (IsSameMedia(serial1, serial2, flags1, flags2, label1.c_str(), label2.c_str()))
+    if (IsSameIdentity(*this, ReadMediaIdentity(*this, root), ReadMediaIdentity(*this, otherPath)))
       prompting = 0;
   }
 

@@ -13,6 +13,7 @@
 #include "archive/archive_data.h"
 #include "foundation/paths.h"
 #include "operations/extracting_support.h"
+#include "volumes/media_query.h"
 #include "volumes/naming.h"
 
 #include <cstring>
