@@ -91,6 +91,9 @@ int CArchiveFile::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHA
 
   // The full volume's header is written with the continuing mark.
   if (!IsError() && !first) Close();
+  // A new set always starts from the name the host gave, not from the last
+  // volume an earlier operation of this object used.
+  if (first && d.Limit && !d.BaseName.empty()) d.ArchiveName = d.BaseName;
   if (!IsError() && d.Limit && !d.ArchiveName.empty()) {
     if (!first) RemoveExtension(d.ArchiveName);
     if (!BuildVolumeName(d.ArchiveName, volume, first ? 0 : 1)) SetErrorCode(ERROR_DISK_FULL);
