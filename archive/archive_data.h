@@ -23,10 +23,10 @@ constexpr DWORD DefaultAnsweredMediumAsk = 0x00000002; // DiskChangeNotify, Inva
 
 // The 20-byte volume header, in memory.
 struct VolumeHeader {
-  BYTE Magic[8];          // "ArchFile"
-  BYTE Marker;            // 0x1A
-  BYTE Version;           // 0
-  WORD VolumeWord;        // bits 0-14 volume number, bit 15 continued
+  BYTE Magic[8];             // "ArchFile"
+  BYTE Marker;               // 0x1A
+  BYTE Version;              // 0
+  WORD VolumeWord;           // bits 0-14 volume number, bit 15 continued
   std::uint64_t ArchiveSize; // end of the last record's data
 
   static constexpr DWORD Size = 20;
@@ -56,6 +56,9 @@ struct CArchiveFileData {
   DWORD Flags = 0;
   DWORD ErrorCode = 0;
   CString ArchiveName;
+  // With a limit: the name FileName stored, before volume operations
+  // replaced it by a volume's name; each new set starts from it again.
+  CString BaseName;
   std::unique_ptr<CArchiveSize> Limit;
   FILETIME DefaultCreate{};
   FILETIME DefaultLastWrite{};

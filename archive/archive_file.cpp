@@ -71,11 +71,15 @@ int CArchiveFile::FileName(const WCHAR* path, const CArchiveSize* limit) {
   // The path may point into the stored name: take a copy before emptying it.
   const CString requested = path != nullptr ? CString(path) : CString();
   d.ArchiveName.clear();
+  d.BaseName.clear();
   if (requested.empty()) return 1;
 
   CString full = BuildFullPath(requested.c_str());
   if (full.empty()) return 0;
-  if (d.Limit) RemoveExtension(full);
+  if (d.Limit) {
+    RemoveExtension(full);
+    d.BaseName = full;
+  }
   d.ArchiveName = std::move(full);
   return 1;
 }

@@ -11,7 +11,9 @@
 // continues the entry on the next volume.
 #include "archive/archive_data.h"
 #include "archive/volume_io.h"
+#include "foundation/handles.h"
 #include "foundation/paths.h"
+#include "operations/item_rules.h"
 #include "operations/security.h"
 #include "volumes/naming.h"
 
@@ -30,127 +32,6 @@ constexpr DWORD kMaxCopyBuffer = 262144;
 constexpr DWORD kContinuedBit = 0x80000000u;
 constexpr DWORD kOpenForScan = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN;
 
-// The four file attributes that selection tests and attribute flags change.
-constexpr DWORD kChangeableAttributes[] = {FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_HIDDEN,
-                                           FILE_ATTRIBUTE_SYSTEM, FILE_ATTRIBUTE_ARCHIVE};
-
-// An open file handle that is closed when it goes away.
-class FileHandle {
-public:
-  FileHandle() = default;
-  ~FileHandle() { Close(); }
-  FileHandle(const FileHandle&) = delete;
-  FileHandle& operator=(const FileHandle&) = delete;
-
-  HANDLE Get() const { return handle_; }
-  bool IsValid() const { return handle_ != INVALID_HANDLE_VALUE; }
-  void Reset(HANDLE handle) {
-    Close();
-    handle_ = handle;
-  }
-  void Close() {
-    if (IsValid()) CloseHandle(handle_);
-    handle_ = INVALID_HANDLE_VALUE;
-  }
-
-private:
-  HANDLE handle_ = INVALID_HANDLE_VALUE;
-};
-
-// A directory enumeration that is closed when it goes away.
-class FindHandle {
-public:
-  FindHandle(const WCHAR* pattern, WIN32_FIND_DATAW& data)
-      : handle_(FindFirstFileW(pattern, &data)) {}
-  ~FindHandle() {
-    if (IsValid()) FindClose(handle_);
-  }
-  FindHandle(const FindHandle&) = delete;
-  FindHandle& operator=(const FindHandle&) = delete;
-
-  bool IsValid() const { return handle_ != INVALID_HANDLE_VALUE; }
-  bool Next(WIN32_FIND_DATAW& data) { return FindNextFileW(handle_, &data) != 0; }
-
-private:
-  HANDLE handle_;
-};
-
-// The temporary file of one added file, deleted when it goes away.
-class TemporaryFile {
-public:
-  TemporaryFile() = default;
-  ~TemporaryFile() { Remove(); }
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-  void Adopt(CString name) { name_ = std::move(name); }
-  const WCHAR* Name() const { return name_.c_str(); }
-  void Remove() {
-    if (!name_.empty()) DeleteFileW(name_.c_str());
-    name_.clear();
-  }
-
-private:
-  CString name_;
-};
-
-// What the attribute flags make of the three options: each is on unless
-// exactly one bit of its pair is set.
-struct ItemOptions {
-  bool KeepTimes;
-  bool KeepFolder;
-  bool Security;
-};
-
-bool OptionOn(DWORD attr, DWORD lowBit) {
-  return ((attr & lowBit) != 0) == ((attr & (lowBit << 16)) != 0);
-}
-
-ItemOptions ReadOptions(DWORD attr) {
-  return ItemOptions{OptionOn(attr, CArchiveFile::AttrNoTimes),
-                     OptionOn(attr, CArchiveFile::AttrNoPath),
-                     OptionOn(attr, CArchiveFile::AttrNoSecurity)};
-}
-
-// The attributes as stored: without FILE_ATTRIBUTE_NORMAL, each changeable
-// attribute first cleared by its low bit, then inverted by its partner.
-DWORD StoredAttributes(DWORD attributes, DWORD attr) {
-  attributes &= ~FILE_ATTRIBUTE_NORMAL;
-  for (DWORD a : kChangeableAttributes) {
-    if (attr & a) attributes &= ~a;
-    if (attr & (a << 16)) attributes ^= a;
-  }
-  return attributes;
-}
-
-bool IsZero(const FILETIME& t) { return t.dwLowDateTime == 0 && t.dwHighDateTime == 0; }
-
-FILETIME Now() {
-  SYSTEMTIME system{};
-  GetSystemTime(&system);
-  FILETIME now{};
-  SystemTimeToFileTime(&system, &now);
-  return now;
-}
-
-// Fills the times that are zero (all three when the item's own times are
-// not kept): creation from the default creation time or the current time,
-// last-write from its default or the creation time, last-access from its
-// default or the last-write time.
-void SettleTimes(WIN32_FIND_DATAW& data, bool keepTimes, const CArchiveFileData& state) {
-  FILETIME creation = keepTimes ? data.ftCreationTime : FILETIME{};
-  FILETIME lastWrite = keepTimes ? data.ftLastWriteTime : FILETIME{};
-  FILETIME lastAccess = keepTimes ? data.ftLastAccessTime : FILETIME{};
-  if (IsZero(creation)) creation = IsZero(state.DefaultCreate) ? Now() : state.DefaultCreate;
-  if (IsZero(lastWrite))
-    lastWrite = IsZero(state.DefaultLastWrite) ? creation : state.DefaultLastWrite;
-  if (IsZero(lastAccess))
-    lastAccess = IsZero(state.DefaultLastAccess) ? lastWrite : state.DefaultLastAccess;
-  data.ftCreationTime = creation;
-  data.ftLastWriteTime = lastWrite;
-  data.ftLastAccessTime = lastAccess;
-}
-
 std::uint64_t UncompressedSize(const WIN32_FIND_DATAW& data) {
   return (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
 }
@@ -162,25 +43,6 @@ bool IsDotName(const WCHAR* name, bool ignoreCase) {
   return lstrcmpW(name, kDot) == 0 || lstrcmpW(name, kDotDot) == 0;
 }
 
-// An item's name on disk: base directory, folder and name, joined by single
-// backslashes where both sides have text.
-CString JoinItemName(const WCHAR* baseDir, const CString& folder, const WCHAR* name) {
-  CString joined = baseDir != nullptr ? CString(baseDir) : CString();
-  if (!joined.empty() && !folder.empty()) joined += u'\\';
-  joined += folder;
-  if (!joined.empty()) joined += u'\\';
-  if (name != nullptr) joined += name;
-  return joined;
-}
-
-// The full form of a source or base path ("." when none is given), without
-// one trailing backslash. Empty on failure.
-CString PreparePath(const WCHAR* path) {
-  CString full = BuildFullPath(path);
-  if (!full.empty() && full.back() == u'\\') full.pop_back();
-  return full;
-}
-
 HANDLE OpenForScan(const WCHAR* name) {
   return CreateFileW(name, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, kOpenForScan,
                      nullptr);
@@ -188,8 +50,7 @@ HANDLE OpenForScan(const WCHAR* name) {
 
 // The engine's output is kept only when it is smaller than the original.
 bool IsSmallerThan(const WCHAR* name, std::uint64_t original) {
-  FileHandle file;
-  file.Reset(OpenForScan(name));
+  ScopedHandle file(OpenForScan(name));
   if (!file.IsValid()) return false;
   std::uint64_t size = 0;
   return QuerySize(file.Get(), size) && size < original;
@@ -272,7 +133,7 @@ int CArchiveFile::CompressAll(const WCHAR* sourcePath, CSrchFlags srch, CAttrFla
   const int noFirstPrompt = (srch & SrchNoFirstPrompt) ? 1 : 0;
   srch &= ~SrchNoFirstPrompt;
 
-  const CString source = PreparePath(sourcePath);
+  const CString source = PrepareOperationPath(sourcePath);
   const CString root = BuildRootPath(m_Data->ArchiveName.c_str());
   if (source.empty() || root.empty() || IsBusy()) {
     SetErrorCode(ERROR_PATH_BUSY);
@@ -339,15 +200,15 @@ int CArchiveFile::Compress(const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlag
       SetErrorCode(ERROR_SEEK_ON_DEVICE);
       return 0;
     }
-    const CString base = PreparePath(baseDir);
+    const CString base = PrepareOperationPath(baseDir);
     const CString root = BuildRootPath(d.ArchiveName.c_str());
     if (base.empty() || root.empty()) {
       SetErrorCode(ERROR_PATH_BUSY);
       return 0;
     }
 
-    const CString name = JoinItemName(base.c_str(), entry.Path, entry.FindData.cFileName);
-    FindHandle find(name.c_str(), entry.FindData);
+    const CString name = JoinItemPath(base.c_str(), entry.Path, entry.FindData.cFileName);
+    ScopedFind find(name.c_str(), entry.FindData);
     if (!find.IsValid()) {
       SetErrorCode(LastErrorOr());
       return 0;
@@ -374,13 +235,13 @@ int CArchiveFile::Compress(const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlag
 int CArchiveFile::DoCompressAll(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& entry,
                                 CSrchFlags srch, CAttrFlags attr) {
   static const WCHAR kEverything[] = {u'*', u'.', u'*', 0};
-  const CString pattern = JoinItemName(baseDir, entry.Path, kEverything);
+  const CString pattern = JoinItemPath(baseDir, entry.Path, kEverything);
 
   // One pass over the directory: the items of one kind, each selected by
   // its match member and stored by DoCompress with the method it requests.
   // A pattern that matches nothing adds nothing.
   auto pass = [&](bool directories) -> int {
-    FindHandle find(pattern.c_str(), entry.FindData);
+    ScopedFind find(pattern.c_str(), entry.FindData);
     if (!find.IsValid()) return 1;
     do {
       const bool isDirectory = (entry.FindData.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
@@ -410,13 +271,17 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   CArchiveFileData& d = *m_Data;
   WIN32_FIND_DATAW& fd = entry.FindData;
 
-  const ItemOptions options = ReadOptions(attr);
+  const ItemOptions options = ReadItemOptions(attr);
   const bool isDirectory = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
   // A folder reached through a symbolic link is stored but never entered,
   // so that no link can make the walk go round in circles.
   const bool isLinkedFolder = isDirectory && (fd.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT);
-  fd.dwFileAttributes = StoredAttributes(fd.dwFileAttributes, attr);
-  SettleTimes(fd, options.KeepTimes, d);
+  // The normal attribute is never stored.
+  fd.dwFileAttributes = ApplyAttributeFlags(fd.dwFileAttributes & ~FILE_ATTRIBUTE_NORMAL, attr);
+  const ItemTimes times = ResolveItemTimes(fd, options.KeepTimes, d);
+  fd.ftCreationTime = times.Creation;
+  fd.ftLastAccessTime = times.LastAccess;
+  fd.ftLastWriteTime = times.LastWrite;
 
   const DWORD cluster = GetClusterSize(root);
   if (cluster == 0 || cluster > kMaxCopyBuffer) {
@@ -431,7 +296,7 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   }
 
   const CString folder = entry.Path;
-  const CString source = JoinItemName(baseDir, folder, fd.cFileName);
+  const CString source = JoinItemPath(baseDir, folder, fd.cFileName);
   entry.EntryOffset = d.Header.ArchiveSize;
   entry.DataOffset = 0;
   entry.DataSize = 0;
@@ -446,8 +311,8 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   const WORD startVolumeWord = d.Header.VolumeWord;
   bool volumeChanged = false;
 
-  FileHandle data;
-  TemporaryFile temp;
+  ScopedHandle data;
+  ScopedTempFile temp;
   const std::uint64_t originalSize = UncompressedSize(fd);
 
   auto cancel = [&]() {
@@ -462,23 +327,22 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   // Compresses a file into the temporary file and opens whichever of the
   // two is smaller as the data to store.
   auto prepareData = [&]() -> int {
-    CString tempName;
-    if (!GetTempCompressFile(tempName, 0, nullptr)) {
+    if (!GetTempCompressFile(temp.Name(), 0, nullptr)) {
       SetErrorCode(LastErrorOr());
       return 0;
     }
-    temp.Adopt(std::move(tempName));
     DWORD error = ERROR_SUCCESS;
-    if (!ExecCompress(error, root, baseDir, folder.c_str(), entry, CArchiveSize(), temp.Name(),
+    if (!ExecCompress(error, root, baseDir, folder.c_str(), entry, CArchiveSize(), temp.c_str(),
                       source.c_str(), entry.CompressType, entry.Crc)) {
       // A cancellation replaces whatever was latched before it.
       if (error == ERROR_CANCELLED) ClearError();
       SetErrorCode(error != ERROR_SUCCESS ? error : ERROR_GEN_FAILURE);
       return 0;
     }
-    const bool keepCompressed = entry.CompressType != 0 && IsSmallerThan(temp.Name(), originalSize);
+    const bool keepCompressed =
+        entry.CompressType != 0 && IsSmallerThan(temp.c_str(), originalSize);
     if (!keepCompressed) entry.CompressType = 0;
-    data.Reset(OpenForScan(keepCompressed ? temp.Name() : source.c_str()));
+    data.Reset(OpenForScan(keepCompressed ? temp.c_str() : source.c_str()));
     std::uint64_t packed = 0;
     if (!data.IsValid() || !QuerySize(data.Get(), packed)) {
       SetErrorCode(LastErrorOr());

@@ -10,6 +10,7 @@
 #include "archive/archive_data.h"
 #include "archive/volume_io.h"
 #include "operations/extracting_support.h"
+#include "volumes/media_query.h"
 
 using volume_io::LastErrorOr;
 

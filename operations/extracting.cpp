@@ -15,8 +15,10 @@
 // created for it is removed again.
 #include "archive/archive_data.h"
 #include "archive/volume_io.h"
+#include "foundation/handles.h"
 #include "foundation/paths.h"
 #include "operations/extracting_support.h"
+#include "operations/item_rules.h"
 #include "operations/security.h"
 #include "volumes/naming.h"
 
@@ -29,23 +31,6 @@ namespace {
 
 constexpr DWORD kCopyLimit = 262144; // largest copy buffer, and largest cluster accepted
 constexpr DWORD kContinuedBit = 0x80000000u;
-
-// The four attributes the attribute flags clear (bit n) and invert (n + 16).
-constexpr DWORD kFlagAttributes[] = {FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_HIDDEN,
-                                     FILE_ATTRIBUTE_SYSTEM, FILE_ATTRIBUTE_ARCHIVE};
-
-// An option is on unless exactly one bit of its pair is set.
-bool IsOptionOn(DWORD attr, DWORD offBit) {
-  return ((attr & offBit) != 0) == ((attr & (offBit << 16)) != 0);
-}
-
-DWORD ApplyAttributeFlags(DWORD attributes, DWORD attr) {
-  for (DWORD a : kFlagAttributes) {
-    if (attr & a) attributes &= ~a;
-    if (attr & (a << 16)) attributes ^= a;
-  }
-  return attributes;
-}
 
 bool IsDirectoryEntry(const CArchiveEntry& entry) {
   return (entry.FindData.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
@@ -69,26 +54,6 @@ std::unique_ptr<CArchiveFindFile> NewSearch(CArchiveFile& archive) {
   if (!find) archive.SetErrorCode(ERROR_OUTOFMEMORY);
   return find;
 }
-
-// The temporary file that receives an entry's stored data: closed and
-// deleted on every path out of DoExpand.
-class TemporaryFile {
-public:
-  TemporaryFile() = default;
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-  ~TemporaryFile() {
-    CloseFile();
-    if (!Name.empty()) DeleteFileW(Name.c_str());
-  }
-  void CloseFile() {
-    if (Handle != INVALID_HANDLE_VALUE) CloseHandle(Handle);
-    Handle = INVALID_HANDLE_VALUE;
-  }
-
-  CString Name;
-  HANDLE Handle = INVALID_HANDLE_VALUE;
-};
 
 // Lends a rebuilt descriptor to the entry's security block for one call and
 // puts the stored bytes back afterwards.
@@ -202,7 +167,7 @@ int CArchiveFile::Expand(const WCHAR* targetDir, CArchiveEntry& entry, CSrchFlag
     }
     if (!CreateTree(target) ||
         (!entry.Path.empty() &&
-         !CreateTree(BuildOutputPath(target, CString(), entry.Path.c_str())))) {
+         !CreateTree(JoinItemPath(target.c_str(), CString(), entry.Path.c_str())))) {
       SetErrorCode(LastErrorOr());
       return 0;
     }
@@ -269,13 +234,12 @@ int CArchiveFile::DoExpandAll(const WCHAR* targetDir, const WCHAR* root, CArchiv
 int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEntry& entry,
                            CSrchFlags srch, CAttrFlags attr, CArchiveFindFile* find, int skip) {
   CArchiveFileData& d = *m_Data;
-  const bool keepTimes = IsOptionOn(attr, AttrNoTimes);
-  const bool keepFolder = IsOptionOn(attr, AttrNoPath);
-  const bool restoreSecurity = IsOptionOn(attr, AttrNoSecurity);
+  const ItemOptions options = ReadItemOptions(attr);
+  const bool keepFolder = options.KeepFolder;
+  const bool restoreSecurity = options.Security;
   const bool isDirectory = IsDirectoryEntry(entry);
   const DWORD outputAttributes = ApplyAttributeFlags(entry.FindData.dwFileAttributes, attr);
-  const ItemTimes times = ResolveItemTimes(entry.FindData, keepTimes, d.DefaultCreate,
-                                           d.DefaultLastWrite, d.DefaultLastAccess);
+  const ItemTimes times = ResolveItemTimes(entry.FindData, options.KeepTimes, d);
   const CString target = targetDir != nullptr ? CString(targetDir) : CString();
   const CString folder = keepFolder ? entry.Path : CString();
 
@@ -305,7 +269,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
     }
   }
 
-  CString outputPath = BuildOutputPath(target, folder, entry.FindData.cFileName);
+  CString outputPath = JoinItemPath(target.c_str(), folder, entry.FindData.cFileName);
   const bool createsOutput = keepFolder || !isDirectory;
 
   // Nothing is created for an entry whose folder or name would put its
@@ -349,17 +313,16 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
 
   if (ok && !isDirectory) {
     // ---- A file: stored data into the temporary file, then decoded --------
-    TemporaryFile temporary;
+    ScopedTempFile temporary;
     if (!skip) {
-      if (!GetTempCompressFile(temporary.Name, 0, nullptr)) {
-        temporary.Name.clear();
+      if (!GetTempCompressFile(temporary.Name(), 0, nullptr)) {
         SetErrorCode(LastErrorOr());
         ok = false;
       } else {
-        temporary.Handle =
-            CreateFileW(temporary.Name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                        CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
-        if (temporary.Handle == INVALID_HANDLE_VALUE) {
+        temporary.File().Reset(
+            CreateFileW(temporary.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+        if (!temporary.File().IsValid()) {
           SetErrorCode(LastErrorOr());
           ok = false;
         }
@@ -390,7 +353,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
         if (piece > left) piece = left;
         const DWORD count = static_cast<DWORD>(piece);
         if (!skip && (!volume_io::ReadAll(d.Handle, buffer.get(), count, ERROR_HANDLE_EOF) ||
-                      !volume_io::WriteAll(temporary.Handle, buffer.get(), count))) {
+                      !volume_io::WriteAll(temporary.File().Get(), buffer.get(), count))) {
           SetErrorCode(LastErrorOr());
           ok = false;
           break;
@@ -425,11 +388,11 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
       break;
     }
 
-    temporary.CloseFile();
+    temporary.File().Close();
     if (ok && !skip) {
       DWORD error = ERROR_SUCCESS;
       if (!ExecExpand(error, targetDir, root, folder.c_str(), entry, CArchiveSize(passed),
-                      outputPath.c_str(), temporary.Name.c_str(), method, entry.Crc)) {
+                      outputPath.c_str(), temporary.c_str(), method, entry.Crc)) {
         if (error == ERROR_CANCELLED) ClearError();
         SetErrorCode(error != ERROR_SUCCESS ? error : ERROR_GEN_FAILURE);
         ok = false;
@@ -446,15 +409,13 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
   // Times after the contents; only on what this entry created, so that a
   // directory entry extracted without folders touches nothing.
   if (ok && !skip && created) {
-    const HANDLE item = CreateFileW(
+    const ScopedHandle item(CreateFileW(
         outputPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-        OPEN_EXISTING, isDirectory ? FILE_FLAG_BACKUP_SEMANTICS : FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (item != INVALID_HANDLE_VALUE) {
-      if (!SetFileTime(item, &times.Creation, &times.LastAccess, &times.LastWrite)) {
-        SetErrorCode(LastErrorOr());
-        ok = false;
-      }
-      CloseHandle(item);
+        OPEN_EXISTING, isDirectory ? FILE_FLAG_BACKUP_SEMANTICS : FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (item.IsValid() &&
+        !SetFileTime(item.Get(), &times.Creation, &times.LastAccess, &times.LastWrite)) {
+      SetErrorCode(LastErrorOr());
+      ok = false;
     }
   }
 

@@ -3,32 +3,18 @@
 // when it is extracted. Written in Win32 calls only.
 #include "operations/security.h"
 
+#include "foundation/handles.h"
+
 #include <cstddef>
 #include <cstring>
 #include <new>
 
 namespace {
 
-// Closes a token handle on every way out of the capture.
-class TokenHandle {
-public:
-  TokenHandle() = default;
-  TokenHandle(const TokenHandle&) = delete;
-  TokenHandle& operator=(const TokenHandle&) = delete;
-  ~TokenHandle() {
-    if (handle_ != nullptr) CloseHandle(handle_);
-  }
-  HANDLE* Receive() { return &handle_; }
-  HANDLE Get() const { return handle_; }
-
-private:
-  HANDLE handle_ = nullptr;
-};
-
 // Enables "SeSecurityPrivilege" in the process token, which reading system
 // access lists needs. The adjustment is judged by the last error it leaves:
 // a token without the privilege gets ERROR_NOT_ALL_ASSIGNED.
-DWORD EnableSecurityPrivilege(TokenHandle& token) {
+DWORD EnableSecurityPrivilege(ScopedHandle& token) {
   if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY | READ_CONTROL,
                         token.Receive()))
     return GetLastError();
@@ -112,7 +98,7 @@ DWORD CaptureSecurity(const WCHAR* fullName, CArchiveEntry& entry) {
   entry.Security->Data = nullptr;
   entry.Security->Length = 0;
 
-  TokenHandle token;
+  ScopedHandle token;
   if (DWORD error = EnableSecurityPrivilege(token); error != ERROR_SUCCESS) return error;
 
   DWORD size = 0;

@@ -10,6 +10,7 @@
 #include "archive/archive_data.h"
 #include "archive/volume_io.h"
 #include "foundation/paths.h"
+#include "volumes/media_query.h"
 #include "volumes/naming.h"
 
 #include <cstring>
@@ -70,11 +71,7 @@ int CArchiveFile::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHA
   if (prompting && otherPath != nullptr) {
     // The files being added lie on the archive's own medium: it cannot be
     // changed.
-    DWORD serial1 = 0, flags1 = 0, serial2 = 0, flags2 = 0;
-    CString label1, label2;
-    GetMediaInfo(serial1, flags1, &label1, root);
-    GetMediaInfo(serial2, flags2, &label2, otherPath);
-    if (IsSameMedia(serial1, serial2, flags1, flags2, label1.c_str(), label2.c_str()))
+    if (IsSameIdentity(*this, ReadMediaIdentity(*this, root), ReadMediaIdentity(*this, otherPath)))
       prompting = 0;
   }
 
@@ -94,6 +91,9 @@ int CArchiveFile::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHA
 
   // The full volume's header is written with the continuing mark.
   if (!IsError() && !first) Close();
+  // A new set always starts from the name the host gave, not from the last
+  // volume an earlier operation of this object used.
+  if (first && d.Limit && !d.BaseName.empty()) d.ArchiveName = d.BaseName;
   if (!IsError() && d.Limit && !d.ArchiveName.empty()) {
     if (!first) RemoveExtension(d.ArchiveName);
     if (!BuildVolumeName(d.ArchiveName, volume, first ? 0 : 1)) SetErrorCode(ERROR_DISK_FULL);

@@ -3,6 +3,7 @@
 // access mounts the medium that is really in the drive.
 #include "archive/archive_data.h"
 #include "foundation/paths.h"
+#include "volumes/media_query.h"
 
 namespace {
 
@@ -59,4 +60,15 @@ int CArchiveFile::DoFlushMedia(const WCHAR* root) {
   const CString drive = root != nullptr ? CString(root) : BuildRootPath(FileName());
   if (drive.empty() || GetDriveTypeW(drive.c_str()) != DRIVE_REMOVABLE) return 1;
   return DismountDrive(*this, drive.c_str(), GENERIC_READ | GENERIC_WRITE, DeniedDevice::Abandon);
+}
+
+MediaIdentity ReadMediaIdentity(const CArchiveFile& archive, const WCHAR* path) {
+  MediaIdentity id;
+  archive.GetMediaInfo(id.Serial, id.Flags, &id.Label, path);
+  return id;
+}
+
+bool IsSameIdentity(const CArchiveFile& archive, const MediaIdentity& a, const MediaIdentity& b) {
+  return archive.IsSameMedia(a.Serial, b.Serial, a.Flags, b.Flags, a.Label.c_str(),
+                             b.Label.c_str()) != 0;
 }

@@ -13,6 +13,7 @@
 #include "archive/archive_data.h"
 #include "foundation/paths.h"
 #include "operations/extracting_support.h"
+#include "volumes/media_query.h"
 #include "volumes/naming.h"
 
 #include <cstring>
@@ -82,6 +83,9 @@ int CArchiveFile::DoDiskChange(const WCHAR* root, CArchiveEntry& entry, const WC
   if (first) d.Header = VolumeHeader::Fresh();
 
   int skip = noFirstPrompt;
+  // A new set always starts from the name the host gave, not from the last
+  // volume an earlier operation of this object used.
+  if (first && d.Limit && !d.BaseName.empty()) d.ArchiveName = d.BaseName;
   if (d.Limit && !d.ArchiveName.empty()) {
     if (!first) {
       // Numbered files are tried before anyone is asked.

@@ -149,6 +149,21 @@ TEST(AddingSpanning, DiskFoldersAdvanceAndAreCreated) {
   EXPECT_EQ(GatherSplitData(volumes, 0), noise);
 }
 
+// After a set is written, the object's file name is its last volume's; a
+// second set, and reading the set back, start again from the given name.
+TEST(AddingSpanning, OneObjectWritesAndReadsASetAgain) {
+  test::TempDir dir;
+  Host host;
+  const auto noise = AddBigFileInVolumes(host, dir, 1500000, 9, "out/DISK1/B.ARC");
+  EXPECT_EQ(test::N(host.FileName()), test::N(dir.Win("out/DISK2/B.001")));
+  ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1)
+      << host.GetErrorCode();
+  EXPECT_EQ(FolderContents(dir.Host("out")), (V{"DISK1", "DISK2"}));
+  EXPECT_EQ(FolderContents(dir.Host("out/DISK1")), V{"B.000"});
+  ASSERT_EQ(host.ExpandAll(dir.Win("back").c_str(), Srch{}, kNoSecurity), 1) << host.GetErrorCode();
+  EXPECT_EQ(test::ReadFile(dir.Host("back/big.bin")), noise);
+}
+
 TEST(AddingSpanning, RecordThatDoesNotFitOpensTheNextVolume) {
   test::TempDir dir;
   // Directories come first: z (record of 74 bytes at 20), then z\big.bin
