@@ -136,18 +136,43 @@ void PrepareEngine(CEncodeDecode1& engine, const HookContext& hook, CArchiveSize
   engine.WriteNotify(0);
 }
 
-// Opens the files, runs the method (formatOne for method 1) and closes the
-// files; true when all of it succeeded and the bytes counted match the
-// entry's original size (else 29).
-template <class FormatOne>
-bool RunDriver(DWORD& error, const CArchiveEntry& entry, const WCHAR* target, const WCHAR* source,
-               DWORD method, DWORD& sum, FormatOne formatOne) {
+// Method 1 between the two files: compressing reads the source through a
+// notifying stream and writes the bit stream; expanding the other way round.
+bool RunFormatOne(DWORD& error, const HookContext& hook, const DriverFiles& files, bool compressing,
+                  DWORD& sum, CArchiveSize& count) {
+  CEncodeDecode1 engine;
+  PrepareEngine(engine, hook, count, compressing ? 1 : 0);
+  CFileBit bits;
+  if (compressing)
+    bits.SetFile(files.Target());
+  else
+    bits.SetFile(files.Source(), files.SourceSize());
+  if (!bits.Allocate()) {
+    error = ERROR_OUTOFMEMORY;
+    return false;
+  }
+  const CArchiveSize limit(files.SourceSize());
+  CFileNotifyCRC stream(compressing ? files.Source() : files.Target(),
+                        compressing ? &limit : nullptr);
+  stream.Target = &engine;
+  const BOOL done =
+      compressing ? engine.Encode(&stream, &bits, &error) : engine.Decode(&stream, &bits, &error);
+  sum = stream.Crc;
+  bits.Finish();
+  return done != FALSE;
+}
+
+// Opens the files, runs the method and closes the files; true when all of
+// it succeeded and the bytes counted match the entry's original size (else
+// 29). `sum` receives the CRC of the uncompressed side.
+bool RunDriver(DWORD& error, const HookContext& hook, const WCHAR* target, const WCHAR* source,
+               DWORD method, bool compressing, DWORD& sum) {
   DriverFiles files;
   CArchiveSize count(0);
   bool ok = files.Open(error, target, source);
   if (ok) {
     if (method == talvern::engine::MethodFormat1) {
-      ok = formatOne(files, count);
+      ok = RunFormatOne(error, hook, files, compressing, sum, count);
     } else if (method == talvern::engine::MethodStored) {
       ok = CopyStored(error, files, sum, count);
     } else {
@@ -156,7 +181,7 @@ bool RunDriver(DWORD& error, const CArchiveEntry& entry, const WCHAR* target, co
     }
   }
   if (!files.Close(error, ok)) return false;
-  if (count.GetValue() != OriginalSize(entry)) {
+  if (count.GetValue() != OriginalSize(*hook.entry)) {
     // More or fewer bytes than the entry holds: the source changed size
     // since it was examined, or the stored data is damaged.
     error = ERROR_WRITE_FAULT;
@@ -188,25 +213,7 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
                                DWORD method, DWORD& crc) {
   const HookContext hook{this, arg1, arg2, arg3, &entry, &size};
   DWORD sum = 0;
-  const bool ok = RunDriver(error, entry, target, source, method, sum,
-                            [&](const DriverFiles& files, CArchiveSize& count) {
-                              CEncodeDecode1 engine;
-                              PrepareEngine(engine, hook, count, 1);
-                              CFileBit bits;
-                              bits.SetFile(files.Target());
-                              if (!bits.Allocate()) {
-                                error = ERROR_OUTOFMEMORY;
-                                return false;
-                              }
-                              const CArchiveSize limit(files.SourceSize());
-                              CFileNotifyCRC stream(files.Source(), &limit);
-                              stream.Target = &engine;
-                              const BOOL done = engine.Encode(&stream, &bits, &error);
-                              sum = stream.Crc;
-                              bits.Finish();
-                              return done != FALSE;
-                            });
-  if (!ok) return FALSE;
+  if (!RunDriver(error, hook, target, source, method, true, sum)) return FALSE;
   crc = sum;
   return TRUE;
 }
@@ -216,24 +223,7 @@ int CArchiveFile::ExecExpand(DWORD& error, const WCHAR* arg1, const WCHAR* arg2,
                              const WCHAR* target, const WCHAR* source, DWORD method, DWORD crc) {
   const HookContext hook{this, arg1, arg2, arg3, &entry, &size};
   DWORD sum = 0;
-  const bool ok = RunDriver(error, entry, target, source, method, sum,
-                            [&](const DriverFiles& files, CArchiveSize& count) {
-                              CEncodeDecode1 engine;
-                              PrepareEngine(engine, hook, count, 0);
-                              CFileBit bits;
-                              bits.SetFile(files.Source(), files.SourceSize());
-                              if (!bits.Allocate()) {
-                                error = ERROR_OUTOFMEMORY;
-                                return false;
-                              }
-                              CFileNotifyCRC stream(files.Target(), nullptr);
-                              stream.Target = &engine;
-                              const BOOL done = engine.Decode(&stream, &bits, &error);
-                              sum = stream.Crc;
-                              bits.Finish();
-                              return done != FALSE;
-                            });
-  if (!ok) return FALSE;
+  if (!RunDriver(error, hook, target, source, method, false, sum)) return FALSE;
   if (sum != crc) {
     error = ERROR_CRC;
     return FALSE;

@@ -328,20 +328,22 @@ void CEncodeDecodeBase::Notify(DWORD count, bool compressing) {
 
 BOOL CEncodeDecodeBase::EncodeFile(HANDLE source, CFileBit* destination, DWORD* crc, DWORD* error,
                                    BOOL notify, const CArchiveSize* limit) {
-  CFileNotifyCRC stream(source, limit);
-  if (crc != nullptr) stream.Crc = *crc;
-  stream.Target = notify ? this : nullptr;
-  const BOOL result = Encode(&stream, destination, error);
-  if (crc != nullptr) *crc = stream.Crc;
-  return result;
+  return OnFile(source, destination, crc, error, notify, limit, true);
 }
 
 BOOL CEncodeDecodeBase::DecodeFile(HANDLE destination, CFileBit* source, DWORD* crc, DWORD* error,
                                    BOOL notify, const CArchiveSize* limit) {
-  CFileNotifyCRC stream(destination, limit);
+  return OnFile(destination, source, crc, error, notify, limit, false);
+}
+
+// Runs a loop with a notifying stream on the file, which continues the CRC
+// passed in and hands the new one back.
+BOOL CEncodeDecodeBase::OnFile(HANDLE file, CFileBit* bits, DWORD* crc, DWORD* error, BOOL notify,
+                               const CArchiveSize* limit, bool encoding) {
+  CFileNotifyCRC stream(file, limit);
   if (crc != nullptr) stream.Crc = *crc;
   stream.Target = notify ? this : nullptr;
-  const BOOL result = Decode(&stream, source, error);
+  const BOOL result = encoding ? Encode(&stream, bits, error) : Decode(&stream, bits, error);
   if (crc != nullptr) *crc = stream.Crc;
   return result;
 }

@@ -149,6 +149,8 @@ private:
   void InitTree();
   void Notify(DWORD count, bool compressing);
   BOOL Conclude(bool endOk, const CFileIO* destination, DWORD e, DWORD* error) const;
+  BOOL OnFile(HANDLE file, CFileBit* bits, DWORD* crc, DWORD* error, BOOL notify,
+              const CArchiveSize* limit, bool encoding);
 
   template <class Coder, class Shape>
   BOOL EncodeLoop(Coder& coder, CFileIO* source, CFileBit* destination, DWORD* error, Shape shape);

@@ -7,15 +7,18 @@
 #   scripts/bench.sh BUILD_DIR
 #
 # The engine is measured in process by BUILD_DIR/bench/bench_engine (Google
-# Benchmark, one-shot block functions, method 1, median of three). The tools
-# are run as processes, each file BENCH_REPEAT times (default 10); the CPU
-# time of the same command on an empty file is subtracted, so that process
-# start-up does not count against them. Everything runs pinned to one CPU
-# when taskset is there. BENCH_CORPUS names another corpus folder.
+# Benchmark, one-shot block functions, method 1). The tools are run as
+# processes over all files in turn, BENCH_REPEAT passes (default 5) in a
+# round; the CPU time of the same passes over empty files is subtracted, so
+# that process start-up does not count against them. Every figure is the
+# best of three rounds (three repetitions for the engine), which keeps
+# other work on the machine out of it as far as possible. Everything runs
+# pinned to one CPU when taskset is there. BENCH_CORPUS names another
+# corpus folder.
 set -euo pipefail
 
 build=${1:?usage: bench.sh BUILD_DIR}
-repeat=${BENCH_REPEAT:-10}
+repeat=${BENCH_REPEAT:-5}
 here=$(cd "$(dirname "$0")/.." && pwd)
 bench="$build/bench/bench_engine"
 [ -x "$bench" ] || { echo "no $bench (configure with -DTALVERN_BUILD_BENCH=ON)" >&2; exit 1; }
@@ -41,14 +44,34 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 : >"$work/empty"
 
-# Children's CPU seconds (user + system) of running "$@" $repeat times.
-cpu_seconds() {
-  (
-    for ((i = 0; i < repeat; i++)); do "$@" >/dev/null; done
-    times
-  ) | tail -1 | awk '{
-      split($1, u, /[ms]/); split($2, s, /[ms]/);
-      printf "%.6f\n", u[1] * 60 + u[2] + s[1] * 60 + s[2] }'
+# CPU seconds (user + system) of one pass of the command over the given
+# files: the best of three rounds of $repeat passes, per pass. Usage:
+#   pass_seconds SUFFIX COMMAND... -- FILE...
+# where SUFFIX is appended to each file name ("" for none).
+pass_seconds() {
+  local suffix=$1
+  shift
+  local cmd=()
+  while [ "$1" != "--" ]; do
+    cmd+=("$1")
+    shift
+  done
+  shift
+  local best="" round t
+  for round in 1 2 3; do
+    t=$(
+      (
+        for ((i = 0; i < repeat; i++)); do
+          for f in "$@"; do "${cmd[@]}" "$f$suffix" >/dev/null; done
+        done
+        times
+      ) | tail -1 | awk -v n="$repeat" '{
+          split($1, u, /[ms]/); split($2, s, /[ms]/);
+          printf "%.6f\n", (u[1] * 60 + u[2] + s[1] * 60 + s[2]) / n }'
+    )
+    best=$(awk -v a="$best" -v b="$t" 'BEGIN { print (a == "" || b < a) ? b : a }')
+  done
+  echo "$best"
 }
 
 total_bytes=0
@@ -57,31 +80,30 @@ for f in "${files[@]}"; do total_bytes=$((total_bytes + $(stat -c %s "$f"))); do
 # ---- The engine -------------------------------------------------------------------
 echo "measuring talvern ..." >&2
 TALVERN_BENCH_CORPUS="$corpus" "${pin[@]}" "$bench" --benchmark_min_time=0.3s \
-  --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
-  --benchmark_format=json >"$work/engine.json" 2>/dev/null
-# Per file: seconds per call (CPU) from the medians, and the ratio.
-engine=$(awk -v total="$total_bytes" '
-  /"name":/ { name = $2; gsub(/[",]/, "", name) }
+  --benchmark_repetitions=3 --benchmark_format=json >"$work/engine.json" 2>/dev/null
+# Per file, the best CPU time of the three repetitions; the ratio.
+awk '
+  /"run_name":/ { name = $2; gsub(/[",]/, "", name) }
+  /"run_type":/ { type = $2; gsub(/[",]/, "", type) }
   /"cpu_time":/ { cpu = $2; gsub(/,/, "", cpu) }
   /"time_unit":/ { unit = $2; gsub(/[",]/, "", unit) }
   /"ratio":/ { ratio = $2; gsub(/,/, "", ratio) }
   /^    }/ {
-    if (name ~ /_median$/) {
+    if (type == "iteration") {
       scale = unit == "ns" ? 1e-9 : unit == "us" ? 1e-6 : unit == "ms" ? 1e-3 : 1
-      if (name ~ /^compress\//) { ct += cpu * scale; r[name] = ratio }
-      if (name ~ /^expand\//) et += cpu * scale
+      t = cpu * scale
+      if (!(name in best) || t < best[name]) best[name] = t
+      if (ratio != "") r[name] = ratio
     }
-    name = ""; ratio = ""
+    name = ""; type = ""; ratio = ""
   }
-  END { printf "%.6f %.6f\n", ct, et }' "$work/engine.json")
-engine_ct=${engine% *}
-engine_et=${engine#* }
+  END { for (n in best) printf "%s %.9f %s\n", n, best[n], (n in r) ? r[n] : "-" }' \
+  "$work/engine.json" >"$work/engine.txt"
+engine_ct=$(awk '$1 ~ /^compress\// { s += $2 } END { printf "%.9f", s }' "$work/engine.txt")
+engine_et=$(awk '$1 ~ /^expand\// { s += $2 } END { printf "%.9f", s }' "$work/engine.txt")
 engine_packed=0
 for f in "${files[@]}"; do
-  name=$(basename "$f")
-  ratio=$(awk -v n="compress/${name}_median" '
-    /"name":/ { cur = $2; gsub(/[",]/, "", cur) }
-    /"ratio":/ && cur == n { v = $2; gsub(/,/, "", v); print v; exit }' "$work/engine.json")
+  ratio=$(awk -v n="compress/$(basename "$f")" '$1 == n { print $3 }' "$work/engine.txt")
   engine_packed=$(awk -v a="$engine_packed" -v r="$ratio" -v s="$(stat -c %s "$f")" \
     'BEGIN { printf "%.0f", a + r * s }')
 done
@@ -102,27 +124,29 @@ for entry in "${tools[@]}"; do
     continue
   fi
   echo "measuring $label ..." >&2
+  # The same number of runs on an empty file measures what start-up costs.
+  empties=()
+  for f in "${files[@]}"; do empties+=("$work/empty"); done
+  packed=0
+  inputs=()
+  for f in "${files[@]}"; do
+    # shellcheck disable=SC2086
+    ${ccmd} "$f" >"$work/$(basename "$f").$suffix"
+    packed=$((packed + $(stat -c %s "$work/$(basename "$f").$suffix")))
+    inputs+=("$work/$(basename "$f")")
+  done
   # shellcheck disable=SC2086
   ${ccmd} "$work/empty" >"$work/empty.$suffix"
   # shellcheck disable=SC2086
-  c_base=$(cpu_seconds "${pin[@]}" ${ccmd} "$work/empty")
+  c_all=$(pass_seconds "" "${pin[@]}" ${ccmd} -- "${files[@]}")
   # shellcheck disable=SC2086
-  d_base=$(cpu_seconds "${pin[@]}" ${dcmd} "$work/empty.$suffix")
-  packed=0 ct=0 et=0
-  for f in "${files[@]}"; do
-    name=$(basename "$f")
-    # shellcheck disable=SC2086
-    ${ccmd} "$f" >"$work/$name.$suffix"
-    packed=$((packed + $(stat -c %s "$work/$name.$suffix")))
-    # shellcheck disable=SC2086
-    c=$(cpu_seconds "${pin[@]}" ${ccmd} "$f")
-    # shellcheck disable=SC2086
-    d=$(cpu_seconds "${pin[@]}" ${dcmd} "$work/$name.$suffix")
-    ct=$(awk -v a="$ct" -v c="$c" -v b="$c_base" -v n="$repeat" 'BEGIN {
-      t = (c - b) / n; if (t < 1e-6) t = 1e-6; printf "%.6f", a + t }')
-    et=$(awk -v a="$et" -v c="$d" -v b="$d_base" -v n="$repeat" 'BEGIN {
-      t = (c - b) / n; if (t < 1e-6) t = 1e-6; printf "%.6f", a + t }')
-  done
+  c_base=$(pass_seconds "" "${pin[@]}" ${ccmd} -- "${empties[@]}")
+  # shellcheck disable=SC2086
+  d_all=$(pass_seconds ".$suffix" "${pin[@]}" ${dcmd} -- "${inputs[@]}")
+  # shellcheck disable=SC2086
+  d_base=$(pass_seconds ".$suffix" "${pin[@]}" ${dcmd} -- "${empties[@]}")
+  ct=$(awk -v c="$c_all" -v b="$c_base" 'BEGIN { t = c - b; if (t < 1e-6) t = 1e-6; print t }')
+  et=$(awk -v c="$d_all" -v b="$d_base" 'BEGIN { t = c - b; if (t < 1e-6) t = 1e-6; print t }')
   ratio_of[$label]=$(awk -v p="$packed" -v t="$total_bytes" 'BEGIN { printf "%.3f", p / t }')
   compress_of[$label]=$(awk -v t="$total_bytes" -v s="$ct" 'BEGIN { printf "%.1f", t / s / 1e6 }')
   expand_of[$label]=$(awk -v t="$total_bytes" -v s="$et" 'BEGIN { printf "%.1f", t / s / 1e6 }')

@@ -74,6 +74,7 @@ void ExpectLazyParse(const Bytes& data) {
       ASSERT_TRUE(wantMatch) << "match at " << i;
       ASSERT_EQ(here, c.value) << "match length at " << i;
       ASSERT_LE(c.distance, i);
+      ASSERT_LT(c.distance, 8192u); // the oldest string has left the window
       for (unsigned l = 0; l < c.value; ++l)
         rebuilt.push_back(rebuilt[rebuilt.size() - c.distance]);
       i += c.value;
@@ -203,6 +204,15 @@ TEST(CodeFormat1, CorpusStreamsAreUnchanged) {
     // The general path through the virtual operations gives the same bytes,
     // and both decoders give the data back.
     EXPECT_EQ(direct, Compress(data, true));
+    // No match reaches before the data or further back than the window.
+    std::size_t at = 0;
+    for (const auto& c : ParseCodes(direct)) {
+      if (c.kind == Code::Match) {
+        ASSERT_LE(c.distance, at);
+        ASSERT_LT(c.distance, 8192u);
+      }
+      at += c.kind == Code::Match ? c.value : 1;
+    }
     EXPECT_EQ(data, Expand(direct, data.size()));
     EXPECT_EQ(data, Expand(direct, data.size(), true));
   }
