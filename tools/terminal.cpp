@@ -2,6 +2,56 @@
 
 #include <csignal>
 #include <cstdio>
+
+#if defined(_WIN32)
+
+#include <io.h>
+#include <windows.h>
+
+#include <iostream>
+
+namespace tool {
+namespace {
+
+volatile std::sig_atomic_t g_interrupted = 0;
+
+BOOL WINAPI OnConsoleControl(DWORD type) {
+  if (type != CTRL_C_EVENT && type != CTRL_BREAK_EVENT) return FALSE;
+  g_interrupted = 1;
+  return TRUE;
+}
+
+} // namespace
+
+bool ErrorIsTerminal() { return _isatty(_fileno(stderr)) != 0; }
+
+int TerminalColumns() {
+  CONSOLE_SCREEN_BUFFER_INFO info{};
+  if (GetConsoleScreenBufferInfo(GetStdHandle(STD_ERROR_HANDLE), &info))
+    return info.srWindow.Right - info.srWindow.Left + 1;
+  return 80;
+}
+
+void InstallInterruptHandler() { SetConsoleCtrlHandler(OnConsoleControl, TRUE); }
+bool Interrupted() { return g_interrupted != 0; }
+void RequestInterrupt() { g_interrupted = 1; }
+bool CanAsk() { return _isatty(_fileno(stdin)) != 0; }
+
+std::optional<std::string> AskTerminal(const std::string& question) {
+  if (!CanAsk()) return std::nullopt;
+  std::fflush(stdout);
+  std::fputs(question.c_str(), stderr);
+  std::fflush(stderr);
+  std::string line;
+  if (!std::getline(std::cin, line) || g_interrupted) return std::nullopt;
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  return line;
+}
+
+} // namespace tool
+
+#else // POSIX
+
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -81,3 +131,5 @@ std::optional<std::string> AskTerminal(const std::string& question) {
 }
 
 } // namespace tool
+
+#endif // _WIN32
