@@ -23,12 +23,7 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 bench="$build/bench/bench_engine"
 [ -x "$bench" ] || { echo "no $bench (configure with -DTALVERN_BUILD_BENCH=ON)" >&2; exit 1; }
 
-corpus=${BENCH_CORPUS:-}
-if [ -z "$corpus" ]; then
-  for candidate in "$here/../shared/corpus" "$here/../../shared/corpus"; do
-    [ -d "$candidate" ] && { corpus=$(cd "$candidate" && pwd); break; }
-  done
-fi
+corpus=${BENCH_CORPUS:-$here/bench/corpus}
 [ -d "$corpus" ] || { echo "benchmark corpus not found (set BENCH_CORPUS)" >&2; exit 1; }
 
 pin=()

@@ -73,17 +73,7 @@ std::vector<Code> ParseCodes(const Bytes& stream) {
   return codes;
 }
 
-std::vector<std::string> CorpusFiles() {
-  std::vector<std::string> files;
-  const std::filesystem::path dir(ENGINE_CORPUS_DIR);
-  std::error_code ec;
-  if (dir.empty() || !std::filesystem::is_directory(dir, ec)) return files;
-  for (const auto& e : std::filesystem::directory_iterator(dir))
-    if (e.is_regular_file() && e.path().filename() != "README.md")
-      files.push_back(e.path().string());
-  std::sort(files.begin(), files.end());
-  return files;
-}
+std::vector<std::string> CorpusFiles() { return test::CorpusFiles(); }
 
 Bytes ReadAll(const std::string& hostPath) { return test::ReadFile(hostPath); }
 

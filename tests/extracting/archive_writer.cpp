@@ -164,18 +164,7 @@ void WriteNumberedVolumes(const std::string& hostBase,
     test::WriteFile(NumberedName(hostBase, static_cast<unsigned>(i)), volumes[i]);
 }
 
-std::vector<std::string> RealFiles() {
-  fs::path dir = TALVERN_CORPUS_DIR;
-  for (fs::path up = fs::path(TALVERN_SOURCE_DIR); !fs::exists(dir) && up.has_relative_path();
-       up = up.parent_path())
-    dir = up / "shared" / "corpus";
-  std::vector<std::string> files;
-  for (const auto& e : fs::directory_iterator(dir))
-    if (e.is_regular_file() && e.path().filename() != "README.md")
-      files.push_back(e.path().string());
-  std::sort(files.begin(), files.end());
-  return files;
-}
+std::vector<std::string> RealFiles() { return test::CorpusFiles(); }
 
 std::vector<std::string> ListTree(const std::string& hostDir) {
   std::vector<std::string> names;

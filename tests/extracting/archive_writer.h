@@ -62,9 +62,7 @@ std::string NumberedName(const std::string& hostBase, unsigned number);
 // first difference, empty when equal.
 std::string CompareTrees(const std::string& expectedHost, const std::string& actualHost);
 
-// The benchmark corpus files (host paths, sorted): from the configured
-// folder, or else from the nearest shared/corpus folder above the source
-// tree (a worktree sits one level deeper than the main checkout).
+// The benchmark corpus files (host paths, sorted).
 std::vector<std::string> RealFiles();
 
 // Names of everything below a host folder, relative, sorted ("a", "a/b").

@@ -79,6 +79,8 @@ std::vector<std::uint8_t> RandomBytes(std::size_t count, std::uint32_t seed) {
 
 std::vector<std::string> CorpusFiles() {
   std::vector<std::string> files;
+  std::error_code ec;
+  if (!fs::is_directory(TALVERN_CORPUS_DIR, ec)) return files;
   for (const auto& e : fs::directory_iterator(TALVERN_CORPUS_DIR))
     if (e.is_regular_file() && e.path().filename() != "README.md") files.push_back(e.path().string());
   std::sort(files.begin(), files.end());

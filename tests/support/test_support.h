@@ -46,7 +46,8 @@ bool Exists(const std::string& hostPath);
 // Deterministic pseudo-random bytes.
 std::vector<std::uint8_t> RandomBytes(std::size_t count, std::uint32_t seed);
 
-// The files of the shared benchmark corpus (host paths), sorted by name.
+// The files of the benchmark corpus (host paths), sorted by name; none when
+// the corpus folder is missing.
 std::vector<std::string> CorpusFiles();
 
 } // namespace test
