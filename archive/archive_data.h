@@ -48,7 +48,8 @@ struct VolumeHeader {
   // Little-endian on-disk form.
   void Store(BYTE out[Size]) const;
   void Load(const BYTE in[Size]);
-  // Magic, marker and a version this library reads.
+  // Magic, marker, a version this library reads, and an archive size that
+  // covers at least the header.
   bool IsValid() const;
 };
 
@@ -65,6 +66,9 @@ struct CArchiveFileData {
   FILETIME DefaultLastAccess{};
   HANDLE Handle = INVALID_HANDLE_VALUE;
   std::uint64_t CommittedSize = 0;
+  // The open volume's file was created by this open (it did not exist, or
+  // CreateOpen made it anew): only such a file is deleted by a failed close.
+  bool CreatedByOpen = false;
   VolumeHeader Header{};
   // Set by the library's own bodies of DiskFullNotify, DiskChangeNotify and
   // InvalidDiskNotify, so that the volume-full handling can tell a question

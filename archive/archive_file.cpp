@@ -25,7 +25,10 @@ void VolumeHeader::Load(const BYTE in[Size]) {
 }
 
 bool VolumeHeader::IsValid() const {
-  return std::memcmp(Magic, "ArchFile", 8) == 0 && Marker == 0x1A && Version == 0;
+  // An archive size below the header's own would let the next append write
+  // over the header.
+  return std::memcmp(Magic, "ArchFile", 8) == 0 && Marker == 0x1A && Version == 0 &&
+         ArchiveSize >= Size;
 }
 
 DWORD CArchiveFileData::EffectiveLimit() const {

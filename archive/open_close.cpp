@@ -4,8 +4,9 @@
 // the header with the new archive size. CommittedSize is the size the file
 // had at that moment (or when it was opened). While an error is latched a
 // flush cuts the file back to the committed size; a header that changed is
-// written, and so committed, before that cut. A volume created by this
-// object whose header was never committed does not survive a failed close.
+// written, and so committed, before that cut. A volume file created by this
+// open whose header was never committed does not survive a failed close; a
+// file that existed before is never deleted.
 #include "archive/archive_data.h"
 #include "archive/volume_io.h"
 #include "foundation/paths.h"
@@ -86,6 +87,10 @@ int LoadHeader(CArchiveFile& archive) {
     return 0;
   }
   d.Header = header;
+  // Bytes beyond the archive size (an interrupted append) were never part
+  // of the volume: the rollback point is the archive's end, so that a
+  // rollback cannot turn them into records.
+  if (d.CommittedSize > header.ArchiveSize) d.CommittedSize = header.ArchiveSize;
   return archive.Flush();
 }
 
@@ -123,6 +128,7 @@ int CArchiveFile::WriteOpen(int create, int readable) {
     return 0;
   }
   if (!AdoptHandle(*this, file, FlagWritable | (readable ? FlagReadable : 0))) return 0;
+  d.CreatedByOpen = !existed;
   if (create && (!existed || d.CommittedSize == 0) && !WriteFreshHeader(file)) {
     SetErrorCode(LastErrorOr());
     Close();
@@ -142,6 +148,7 @@ int CArchiveFile::CreateOpen(int overwrite, int readable) {
     return 0;
   }
   if (!AdoptHandle(*this, file, FlagWritable | (readable ? FlagReadable : 0))) return 0;
+  d.CreatedByOpen = true;
   if (!WriteFreshHeader(file)) {
     SetErrorCode(LastErrorOr());
     Close();
@@ -209,13 +216,15 @@ int CArchiveFile::Close() {
   }
 
   const int wasWritable = (d.Flags & FlagWritable) ? 1 : 0;
-  if (wasWritable && (d.Flags & FlagError) && d.CommittedSize == 0)
+  // A file that existed before the open is never deleted, whatever failed.
+  if (wasWritable && (d.Flags & FlagError) && d.CommittedSize == 0 && d.CreatedByOpen)
     DeleteFileW(d.ArchiveName.c_str());
 
   d.Handle = INVALID_HANDLE_VALUE;
   d.Flags &= FlagError | FlagBusy;
   d.Header.Zero();
   d.CommittedSize = 0;
+  d.CreatedByOpen = false;
 
   const CString root = BuildRootPath(d.ArchiveName.c_str());
   if (root.empty()) {

@@ -71,6 +71,7 @@ TEST_F(OpenCloseTest, ReadOpenRejections) {
       {"version 1", Bytes().Header(20, 0, 1).Get(), ERROR_INVALID_DATATYPE},
       {"magic", badMagic, ERROR_INVALID_DATATYPE},
       {"marker", badMarker, ERROR_INVALID_DATATYPE},
+      {"archive size inside the header", Bytes().Header(19).Get(), ERROR_INVALID_DATATYPE},
   };
   Name();
   for (const Case& c : cases) {
@@ -163,6 +164,46 @@ TEST_F(OpenCloseTest, UncommittedNewVolumeIsDeletedOnAFailedClose) {
   a.SetErrorCode(ERROR_WRITE_FAULT);
   a.Close();
   EXPECT_EQ(ReadFile(host), Bytes().Header(20).Get());
+}
+
+// Whatever fails while a file that existed before the open is open for
+// writing, the file is not deleted: not an empty file that is no archive,
+// and not an archive whose open failed half-way.
+TEST_F(OpenCloseTest, FailedWriteOpenNeverDeletesAnExistingFile) {
+  WriteFile(host, "");
+  Name();
+  EXPECT_FALSE(a.WriteOpen(0, 0));
+  EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_DATATYPE);
+  EXPECT_TRUE(Exists(host));
+
+  MakeVolume({"a"});
+  ASSERT_TRUE(a.WriteOpen(0, 1));
+  // A failure before anything was committed, as when the size query fails.
+  a.Data().CommittedSize = 0;
+  a.SetErrorCode(ERROR_READ_FAULT);
+  a.Close();
+  EXPECT_TRUE(Exists(host));
+}
+
+// Bytes an interrupted append left beyond the archive size never become
+// records through a rollback.
+TEST_F(OpenCloseTest, RollbackDoesNotAdoptBytesBeyondTheArchiveSize) {
+  MakeVolume({"a"});
+  const auto before = ReadFile(host);
+  std::vector<std::uint8_t> withTail = before;
+  withTail.insert(withTail.end(), 100, 0xEE);
+  WriteFile(host, withTail);
+  ASSERT_TRUE(a.WriteOpen(0, 1));
+  a.SetErrorCode(ERROR_CRC);
+  EXPECT_TRUE(a.Flush());
+  EXPECT_EQ(a.GetArchiveSize().GetValue(), before.size());
+  a.ClearError();
+  CArchiveEntry e = FileEntry(u"b", CString(), 2);
+  ASSERT_TRUE(AppendEntry(a, e, AsBytes("bb")));
+  EXPECT_EQ(e.EntryOffset.GetValue(), before.size());
+  ASSERT_TRUE(a.Close());
+  ASSERT_TRUE(a.ReadOpen());
+  EXPECT_EQ(ListEntries(a), (std::vector<std::string>{"a", "b"}));
 }
 
 TEST_F(OpenCloseTest, FlushCommitsTheHeaderAndTrimsTheFile) {
