@@ -30,16 +30,16 @@ bool IsFile(const CString& path) {
 // start and its number; false when the volume is not in a disk folder.
 bool DiskFolder(const CString& path, std::size_t& digitsStart, std::size_t& digitsEnd,
                 unsigned long& number) {
-  const std::size_t nameStart = path.find_last_of(u"\\:");
+  const std::size_t nameStart = path.find_last_of(WTEXT("\\:"));
   if (nameStart == CString::npos || nameStart == 0) return false;
-  const std::size_t folderStart = path.find_last_of(u"\\:", nameStart - 1);
+  const std::size_t folderStart = path.find_last_of(WTEXT("\\:"), nameStart - 1);
   const std::size_t start = folderStart == CString::npos ? 0 : folderStart + 1;
   const CString folder = path.substr(start, nameStart - start);
   if (folder.size() < 5) return false;
   CString prefix = folder.substr(0, 4);
   for (WCHAR& c : prefix)
     if (c >= u'a' && c <= u'z') c = static_cast<WCHAR>(c - u'a' + u'A');
-  if (prefix != u"DISK" && prefix != u"DISC") return false;
+  if (prefix != WTEXT("DISK") && prefix != WTEXT("DISC")) return false;
   number = 0;
   for (std::size_t i = 4; i < folder.size(); ++i) {
     if (folder[i] < u'0' || folder[i] > u'9') return false;
@@ -54,14 +54,14 @@ bool DiskFolder(const CString& path, std::size_t& digitsStart, std::size_t& digi
 
 CString WithoutExtension(const CString& path) {
   const std::size_t dot = path.find_last_of(u'.');
-  const std::size_t separator = path.find_last_of(u"\\:");
+  const std::size_t separator = path.find_last_of(WTEXT("\\:"));
   if (dot == CString::npos || (separator != CString::npos && dot < separator)) return path;
   return path.substr(0, dot);
 }
 
 bool VolumeNumberOf(const CString& path, DWORD& number) {
   const std::size_t dot = path.find_last_of(u'.');
-  const std::size_t separator = path.find_last_of(u"\\:");
+  const std::size_t separator = path.find_last_of(WTEXT("\\:"));
   if (dot == CString::npos || (separator != CString::npos && dot < separator) ||
       path.size() - dot != 4)
     return false;
@@ -75,7 +75,7 @@ bool VolumeNumberOf(const CString& path, DWORD& number) {
 
 CString VolumeName(const CString& base, DWORD number) {
   static const char kDigits[] = "0123456789ABCDEF";
-  CString name = base + u".";
+  CString name = base + WTEXT(".");
   for (int shift = 8; shift >= 0; shift -= 4)
     name += static_cast<WCHAR>(kDigits[(number >> shift) & 0xF]);
   return name;

@@ -94,7 +94,7 @@ CString ScratchFolder() {
   WCHAR name[MAX_PATH + 1] = {};
   const DWORD length = GetTempPathW(MAX_PATH, temp);
   if (length == 0 || length >= MAX_PATH) return CString();
-  if (!GetTempFileNameW(temp, u"TVD", 0, name)) return CString();
+  if (!GetTempFileNameW(temp, WTEXT("TVD"), 0, name)) return CString();
   DeleteFileW(name);
   if (!CreateDirectoryW(name, nullptr)) return CString();
   return name;

@@ -13,7 +13,7 @@ bool IsDots(const WCHAR* name) {
 
 // Source folder, entry folder and name joined as the library joins them.
 CString JoinSource(const WCHAR* baseDir, const WCHAR* folder, const WCHAR* name) {
-  CString path = baseDir ? baseDir : u"";
+  CString path = baseDir ? baseDir : WTEXT("");
   if (!path.empty() && folder && *folder) path += u'\\';
   if (folder) path += folder;
   if (!path.empty()) path += u'\\';
@@ -229,7 +229,7 @@ int Host::InvalidDiskNotify(const WCHAR* root, DWORD diskNo, int forWriting, int
   if (diskNo == 0) {
     // Asked while extracting, when a medium changed during a question.
     progress_.Clear();
-    const auto answer = AskTerminal("The medium in " + Utf8(root ? root : u"") +
+    const auto answer = AskTerminal("The medium in " + Utf8(root ? root : WTEXT("")) +
                                     " changed. Put back the one that was in the drive and press "
                                     "Enter (q to stop): ");
     return answer && *answer != "q" ? 1 : 0;
@@ -239,7 +239,7 @@ int Host::InvalidDiskNotify(const WCHAR* root, DWORD diskNo, int forWriting, int
 
 int Host::AlreadyOpenedNotify(const WCHAR* root) {
   progress_.Clear();
-  const auto answer = AskTerminal("The medium in " + Utf8(root ? root : u"") +
+  const auto answer = AskTerminal("The medium in " + Utf8(root ? root : WTEXT("")) +
                                   " is in use by another program. Close it and press Enter "
                                   "to try again (q to stop): ");
   return answer && *answer != "q" ? 1 : 0;
@@ -247,7 +247,7 @@ int Host::AlreadyOpenedNotify(const WCHAR* root) {
 
 int Host::FormatNotify(const WCHAR* path, DWORD number) {
   progress_.Print(stderr, "talvern: the medium for disk " + std::to_string(number) + " in " +
-                              Utf8(path ? path : u"") +
+                              Utf8(path ? path : WTEXT("")) +
                               " is not formatted; the tool does not format media");
   return 0;
 }
@@ -310,7 +310,7 @@ void Host::CountTree(const CString& baseDir, const CString& folder, Totals& tota
   if (!pattern.empty() && !folder.empty()) pattern += u'\\';
   pattern += folder;
   if (!pattern.empty()) pattern += u'\\';
-  pattern += u"*.*";
+  pattern += WTEXT("*.*");
   const CSrchFlags srch = options_.srch;
   for (const bool directories : {true, false}) {
     if (directories && (srch & SrchExcludeDir)) continue;
@@ -350,7 +350,8 @@ int Host::ExpandStartNotify() { return Interrupted() ? 0 : 1; }
 
 int Host::CompressFileNotify(const WCHAR*, const WCHAR* sourceDir, const WCHAR* entryPath,
                              const CArchiveEntry& entry) {
-  const std::string path = Utf8(EntryPathOf(entryPath ? entryPath : u"", entry.FindData.cFileName));
+  const std::string path =
+      Utf8(EntryPathOf(entryPath ? entryPath : WTEXT(""), entry.FindData.cFileName));
   subject_ = ToHostPath(JoinSource(sourceDir, entryPath, entry.FindData.cFileName));
   activity_ = Activity::ReadSource;
   StartItem(entry, path);
@@ -599,7 +600,7 @@ int Host::ExecExpand(DWORD& error, const WCHAR* arg1, const WCHAR* arg2, const W
   // Testing: the contents go to a scratch file that is deleted at once; a
   // size or CRC mismatch is reported and the test goes on.
   CString scratch;
-  if (!GetTempCompressFile(scratch, 0, u"TVT")) {
+  if (!GetTempCompressFile(scratch, 0, WTEXT("TVT"))) {
     error = GetLastError();
     return 0;
   }
