@@ -216,6 +216,21 @@ TEST(AddingSpanning, RecordThatDoesNotFitOpensTheNextVolume) {
   EXPECT_EQ(volumes[1].Data(volumes[1].Entries[0]), test::ReadFile(dir.Host("source/second.bin")));
 }
 
+// A limit that leaves no byte for data behind a record at the start of a
+// volume would leave none on any later volume either: the add stops with
+// ERROR_DISK_FULL instead of making volume after volume.
+TEST(AddingSpanning, LimitWithNoRoomForDataEndsWithDiskFull) {
+  test::TempDir dir;
+  test::WriteFile(dir.Host("source/big.bin"), test::RandomBytes(5000, 23));
+  // The record of big.bin at offset 20 takes 72 + 2 * 7 = 86 bytes.
+  const CArchiveSize limit = Limit(20 + 86);
+  Host host;
+  ASSERT_EQ(host.FileName(dir.Win("out/B.ARC").c_str(), &limit), 1);
+  EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
+  EXPECT_EQ(host.GetErrorCode(), ERROR_DISK_FULL);
+  EXPECT_EQ(FolderContents(dir.Host("out")), (V{"B.000", "B.001"}));
+}
+
 TEST(AddingSpanning, ForeignFilesAreNeverOverwritten) {
   test::TempDir dir;
   test::WriteFile(dir.Host("source/big.bin"), test::RandomBytes(1500000, 4));
