@@ -140,6 +140,10 @@ int CArchiveFile::CalcWriteStringSize(CArchiveSize& size, const WCHAR* text) con
 
 int CArchiveFile::DoReadEntry(const CArchiveOffset& position, const CArchiveSize& available,
                               CArchiveEntry& entry, CArchiveSize* recordSize) {
+  // Taken before anything is reset: the caller may pass the entry's own
+  // EntryOffset, or one size for the bytes available and the record length.
+  const std::uint64_t pos = position.GetValue();
+  const std::uint64_t avail = available.GetValue();
   entry.Clear();
   if (recordSize != nullptr) *recordSize = 0;
   auto fail = [&](DWORD code) {
@@ -149,8 +153,6 @@ int CArchiveFile::DoReadEntry(const CArchiveOffset& position, const CArchiveSize
   };
 
   const HANDLE file = m_Data->Handle;
-  const std::uint64_t pos = position.GetValue();
-  const std::uint64_t avail = available.GetValue();
   if (!SeekTo(file, pos)) return fail(LastErrorOr());
   if (avail < kFixedPart) return fail(ERROR_SEEK_ON_DEVICE);
 

@@ -2,6 +2,8 @@
 // backup names.
 #include <talvern/archive.h>
 
+#include <utility>
+
 namespace {
 
 // Exclusion bits (attribute shifted into bits 16 to 23) and the attributes
@@ -56,6 +58,8 @@ int CArchiveFile::IsMatchExpandFile(const CArchiveEntry& entry, CSrchFlags srch,
 }
 
 UINT CArchiveFile::GetTempCompressFile(CString& result, UINT unique, const WCHAR* prefix) const {
+  // The prefix may point into result, which is emptied first.
+  const CString prefixText = prefix != nullptr ? CString(prefix) : CString(WTEXT("ARC"));
   result.clear();
   constexpr DWORD kDirCapacity = 248;
   WCHAR dir[kDirCapacity] = {};
@@ -68,16 +72,20 @@ UINT CArchiveFile::GetTempCompressFile(CString& result, UINT unique, const WCHAR
     return 0;
   }
   WCHAR name[MAX_PATH] = {};
-  const UINT got = GetTempFileNameW(dir, prefix != nullptr ? prefix : WTEXT("ARC"), unique, name);
+  const UINT got = GetTempFileNameW(dir, prefixText.c_str(), unique, name);
   if (got == 0) return 0;
   result = name;
   return got;
 }
 
 int CArchiveFile::MakeBackupFile(const WCHAR* fileName, CString& result, int existing) const {
-  result.clear();
-  if (fileName == nullptr) return 0;
-  result = fileName;
-  result += existing ? WTEXT(".ORG") : WTEXT(".NEW");
+  if (fileName == nullptr) {
+    result.clear();
+    return 0;
+  }
+  // Built apart first: the file name may be result's own text.
+  CString name = fileName;
+  name += existing ? WTEXT(".ORG") : WTEXT(".NEW");
+  result = std::move(name);
   return 1;
 }

@@ -315,10 +315,14 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
     // ---- A file: stored data into the temporary file, then decoded --------
     ScopedTempFile temporary;
     if (!skip) {
-      if (!GetTempCompressFile(temporary.Name(), 0, nullptr)) {
+      // Only a name the call reports as reserved is deleted afterwards: on
+      // failure whatever it put in the name is not ours.
+      CString reserved;
+      if (!GetTempCompressFile(reserved, 0, nullptr)) {
         SetErrorCode(LastErrorOr());
         ok = false;
       } else {
+        temporary.Name() = reserved;
         temporary.File().Reset(
             CreateFileW(temporary.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                         FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));

@@ -50,7 +50,7 @@ bool IsDiskFolder(const CString& text, int start, int end, int& prefixEnd) {
 
 int BuildVolumeName(CString& name, DWORD number, int advanceDiskFolder) {
   if (number > kMaxVolumeFileNumber) return 0;
-  static const WCHAR kHex[] = u"0123456789ABCDEF";
+  static const WCHAR kHex[] = WTEXT("0123456789ABCDEF");
   name += u'.';
   name += kHex[(number >> 8) & 0xF];
   name += kHex[(number >> 4) & 0xF];
@@ -113,10 +113,11 @@ int CArchiveFile::IsRemovable(int forWriting, const WCHAR* root) const {
 
 int CArchiveFile::GetMediaInfo(DWORD& serial, DWORD& flags, CString* label,
                                const WCHAR* path) const {
+  // The root first: path may be the label's own text, which is emptied below.
+  const CString root = BuildRootPath(path != nullptr ? path : m_Data->ArchiveName.c_str());
   serial = 0;
   flags = 0;
   if (label != nullptr) label->clear();
-  const CString root = BuildRootPath(path != nullptr ? path : m_Data->ArchiveName.c_str());
   if (root.empty()) return 0;
 
   WCHAR buffer[kLabelCapacity] = {};

@@ -193,6 +193,35 @@ TEST_F(FormatTest, ReaderRejectionsClearTheEntry) {
   }
 }
 
+// The position and the available bytes are taken before the entry and the
+// out-value are reset, so a record can be read again through the entry's
+// own fields, and one size can carry the bytes available in and the
+// record's length out.
+TEST_F(FormatTest, ArgumentsMayLiveInTheEntryOrTheOutValue) {
+  Create();
+  CArchiveEntry first = FileEntry(u"one.txt", CString(), 3);
+  CArchiveEntry second = FileEntry(u"two.txt", u"dir", 2);
+  ASSERT_TRUE(AppendEntry(archive, first, AsBytes("abc")));
+  ASSERT_TRUE(AppendEntry(archive, second, AsBytes("de")));
+  const std::uint64_t size = archive.GetArchiveSize().GetValue();
+
+  CArchiveEntry e = second;
+  CArchiveSize total;
+  ASSERT_TRUE(
+      archive.DoReadEntry(e.EntryOffset, CArchiveSize(size - e.EntryOffset.GetValue()), e, &total))
+      << archive.GetErrorCode();
+  EXPECT_EQ(N(e.FindData.cFileName), "two.txt");
+  EXPECT_EQ(N(e.Path), "dir");
+  EXPECT_EQ(e.EntryOffset.GetValue(), second.EntryOffset.GetValue());
+  EXPECT_EQ(total.GetValue(), size - second.EntryOffset.GetValue());
+
+  CArchiveSize left = size - 20;
+  ASSERT_TRUE(archive.DoReadEntry(CArchiveOffset(20), left, e, &left)) << archive.GetErrorCode();
+  EXPECT_EQ(N(e.FindData.cFileName), "one.txt");
+  EXPECT_EQ(left.GetValue(), second.EntryOffset.GetValue() - 20);
+  EXPECT_FALSE(archive.IsError());
+}
+
 TEST_F(FormatTest, FileShorterThanTheRecordIsRejected) {
   Bytes b;
   b.Header(20 + 100).Zeros(30); // the fixed part is cut short

@@ -134,8 +134,10 @@ public:
   using CArchiveFile::ExpandNotify;
   using CArchiveFile::ExpandStartNotify;
   using CArchiveFile::FormatNotify;
+  using CArchiveFile::GetTempCompressFile;
   using CArchiveFile::InvalidDiskNotify;
   using CArchiveFile::IsFormatMediaSupported;
+  using CArchiveFile::MakeBackupFile;
   using CArchiveFile::OverwriteNotify;
 
   int Close() override {
@@ -178,6 +180,26 @@ TEST(ArchiveObject, HookDefaults) {
   EXPECT_EQ(a.ExpandNotify(u"", u"", u"", e, s, s), 1);
   EXPECT_EQ(a.ExpandStartNotify(), 1);
   EXPECT_FALSE(a.IsError()); // no hook touches the error state
+}
+
+// The name members read their input before they empty their result, so a
+// string can be turned into its own backup name, or name the prefix of its
+// own temporary file.
+TEST(ArchiveObject, NameDefaultsTakeTheirResultAsInput) {
+  SpyArchive a;
+  CString name = u"C:\\out\\a.txt";
+  ASSERT_EQ(a.MakeBackupFile(name.c_str(), name, 1), 1);
+  EXPECT_EQ(N(name), "C:\\out\\a.txt.ORG");
+  ASSERT_EQ(a.MakeBackupFile(name.c_str(), name, 0), 1);
+  EXPECT_EQ(N(name), "C:\\out\\a.txt.ORG.NEW");
+  EXPECT_EQ(a.MakeBackupFile(nullptr, name, 1), 0);
+  EXPECT_TRUE(name.empty());
+
+  CString temp = u"TVX";
+  ASSERT_NE(a.GetTempCompressFile(temp, 0, temp.c_str()), 0u);
+  const CString file = temp.substr(temp.find_last_of(u'\\') + 1);
+  EXPECT_EQ(N(file.substr(0, 3)), "TVX") << N(temp);
+  EXPECT_TRUE(DeleteFileW(temp.c_str()));
 }
 
 TEST(ArchiveObject, OverridesAreCalledFromInside) {

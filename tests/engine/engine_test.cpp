@@ -318,3 +318,30 @@ TEST(Engine, NotifyingStreamsReportEveryTransfer) {
 }
 
 } // namespace
+
+namespace {
+
+// Bits already waiting in the destination go first, on both paths.
+TEST(Engine, PendingBitsInTheDestinationComeFirst) {
+  const Bytes data = TextLike(5000, 5);
+  for (bool general : {false, true}) {
+    SCOPED_TRACE(general);
+    VirtualEngine virtualEngine;
+    CEncodeDecode1 directEngine;
+    CEncodeDecode1& engine = general ? virtualEngine : directEngine;
+    engine.Create(13, 256);
+    BitsOver out(8000);
+    out.bits.WriteBits(3, 5);
+    CFileCRC source;
+    source.SetMemory(data.data(), data.size());
+    ASSERT_TRUE(engine.Encode(&source, &out.bits, nullptr));
+    const Bytes written = out.Written();
+    // Shifting the stream three bits left gives the plain stream.
+    const Bytes plain = Compress(data);
+    ASSERT_EQ(0xA0, written[0] & 0xE0);
+    for (std::size_t i = 0; i + 1 < written.size() && i < plain.size(); ++i)
+      ASSERT_EQ(plain[i], static_cast<std::uint8_t>(written[i] << 3 | written[i + 1] >> 5)) << i;
+  }
+}
+
+} // namespace

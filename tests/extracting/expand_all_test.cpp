@@ -176,6 +176,28 @@ TEST_F(ExtractTest, CancelInSecondExpandNotifyLeavesNoOutputAndNoTemporaryFile) 
   EXPECT_TRUE(Temporaries().empty());
 }
 
+TEST_F(ExtractTest, FailedTemporaryFileLeavesTheNameItReportedAlone) {
+  // A host's temporary-file member that fails after naming a file: that
+  // file was never reserved by the library and must not be deleted.
+  struct NoTemporary : Recorder {
+    CString name;
+    UINT GetTempCompressFile(CString& result, UINT, const WCHAR*) const override {
+      result = name;
+      SetLastError(ERROR_ACCESS_DENIED);
+      return 0;
+    }
+  } host;
+  WriteArchive({File("", "f.txt", "contents")});
+  test::WriteFile(tmp.Host("precious"), "the host's own file");
+  host.name = Win(tmp.Host("precious"));
+  ASSERT_TRUE(host.FileName(Win(ArchiveHost()).c_str(), nullptr));
+
+  EXPECT_EQ(0, host.ExpandAll(OutWin().c_str(), {}, {}));
+  EXPECT_EQ(ERROR_ACCESS_DENIED, host.GetErrorCode());
+  EXPECT_EQ("the host's own file", test::ReadText(tmp.Host("precious")));
+  EXPECT_TRUE(ListTree(Out()).empty()); // the created output is removed
+}
+
 TEST_F(ExtractTest, CorruptedDataByteIsCaughtAndTheOutputRemoved) {
   struct Case {
     Item item;

@@ -81,6 +81,47 @@ TEST_F(ExtractTest, VolumeOfAnotherArchiveOrNumberIsTheWrongDisk) {
   EXPECT_EQ(ERROR_WRONG_DISK, archive.GetErrorCode());
 }
 
+TEST_F(ExtractTest, ContinuationRecordMustRepeatEveryFieldOfTheSplitEntry) {
+  // One field of the continuation record at the start of volume 1 changed
+  // at a time (offsets inside the record); each makes it another entry's.
+  struct Change {
+    const char* what;
+    size_t offset;
+    std::uint8_t flip;
+  };
+  const Change changes[] = {
+      {"method", 4, 0x01},
+      {"crc", 8, 0x01},
+      {"attributes", 12, 0x02},
+      {"creation time by one unit", 16, 0x01},
+      {"last-access time", 24, 0x01},
+      {"last-write time", 32, 0x01},
+      {"size, low half", 40, 0x01},
+      {"size, high half", 44, 0x01},
+      {"packed size", 48, 0x01},
+      {"name case", 68, 0x20}, // "big" -> "Big"
+  };
+  const auto items = SplitSet();
+  WriteNumberedSet(items, kSplitLimit);
+  const std::string second = NumberedName(tmp.Host("set"), 1);
+  for (const Change& c : changes) {
+    SCOPED_TRACE(c.what);
+    auto bytes = volumes.at(1);
+    bytes[20 + c.offset] ^= c.flip;
+    test::WriteFile(second, bytes);
+    ASSERT_TRUE(archive.FileName(Win(tmp.Host("set.arc")).c_str(), archive.LimitSize()));
+    EXPECT_EQ(0, ExpandAll());
+    EXPECT_EQ(ERROR_WRONG_DISK, archive.GetErrorCode());
+    EXPECT_TRUE(ListTree(Out()).empty());
+  }
+  // The data size and the folder are not compared: the unchanged record
+  // already differs from the first part in its data size.
+  test::WriteFile(second, volumes.at(1));
+  ASSERT_TRUE(archive.FileName(Win(tmp.Host("set.arc")).c_str(), archive.LimitSize()));
+  EXPECT_EQ(1, ExpandAll()) << archive.GetErrorCode();
+  EXPECT_EQ(items[0].Contents, test::ReadFile(Out("big")));
+}
+
 TEST_F(ExtractTest, TruncatedVolumeIsReportedAndNothingOfItIsExtracted) {
   WriteNumberedSet(SplitSet(), kSplitLimit);
   const std::string second = NumberedName(tmp.Host("set"), 1);

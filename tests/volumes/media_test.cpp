@@ -124,6 +124,12 @@ TEST_F(MediaTest, MediaInformation) {
   EXPECT_TRUE(a.GetMediaInfo(serial, flags, nullptr, u"A:\\"));
   EXPECT_EQ(serial, 0x1234ABCDu);
 
+  // The path may be the label string itself: it is read before the label
+  // is emptied.
+  label = u"A:\\some\\file.arc";
+  EXPECT_TRUE(a.GetMediaInfo(serial, flags, &label, label.c_str()));
+  EXPECT_EQ(label, u"Backup");
+
   // An empty drive: no identity but its upper-cased root.
   ASSERT_TRUE(talvern::MountDrive(u'B', DRIVE_REMOVABLE, 512, nullptr));
   EXPECT_FALSE(a.GetMediaInfo(serial, flags, &label, u"b:\\x.arc"));
