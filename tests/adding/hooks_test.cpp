@@ -434,3 +434,26 @@ TEST(AddingDecisions, TemporaryFolderTooLongForTheNameBuffer) {
   EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
   EXPECT_EQ(host.GetErrorCode(), ERROR_FILENAME_EXCED_RANGE);
 }
+
+// A host's temporary-file member that fails after naming a file: the add
+// fails with the reported code, and the file it named was never reserved
+// for the add, so it is left alone.
+TEST(AddingDecisions, FailedTemporaryFileLeavesTheNameItReportedAlone) {
+  struct NoTemporary : Host {
+    CString name;
+    UINT GetTempCompressFile(CString& result, UINT, const WCHAR*) const override {
+      result = name;
+      SetLastError(ERROR_ACCESS_DENIED);
+      return 0;
+    }
+  };
+  test::TempDir dir;
+  test::WriteFile(dir.Host("source/f.txt"), "x");
+  test::WriteFile(dir.Host("precious"), "the host's own file");
+  NoTemporary host;
+  host.name = dir.Win("precious");
+  ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
+  EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
+  EXPECT_EQ(host.GetErrorCode(), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(test::ReadText(dir.Host("precious")), "the host's own file");
+}
