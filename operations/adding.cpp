@@ -327,10 +327,14 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   // Compresses a file into the temporary file and opens whichever of the
   // two is smaller as the data to store.
   auto prepareData = [&]() -> int {
-    if (!GetTempCompressFile(temp.Name(), 0, nullptr)) {
+    // Only a name the call reports as reserved is deleted afterwards: on
+    // failure whatever it put in the name is not the add's.
+    CString reserved;
+    if (!GetTempCompressFile(reserved, 0, nullptr)) {
       SetErrorCode(LastErrorOr());
       return 0;
     }
+    temp.Name() = reserved;
     DWORD error = ERROR_SUCCESS;
     if (!ExecCompress(error, root, baseDir, folder.c_str(), entry, CArchiveSize(), temp.c_str(),
                       source.c_str(), entry.CompressType, entry.Crc)) {

@@ -58,14 +58,10 @@ int CArchiveFile::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHA
     if (!ownRoot.empty()) root = ownRoot.c_str();
   }
 
-  int wasReadable = 0;
-  if (first) {
-    // A volume the host left open is closed with its own header before the
-    // new archive starts (a failure to close stops the call below).
-    if (IsOpen()) Close();
-  } else {
-    wasReadable = IsReadable();
-  }
+  // The header of a new archive is set up only once its first volume
+  // exists, so that a volume the host left open is closed below with its
+  // own header.
+  const int wasReadable = first ? 0 : IsReadable();
 
   int prompting = root != nullptr && GetDriveTypeW(root) == DRIVE_REMOVABLE ? 1 : 0;
   if (prompting && otherPath != nullptr) {
@@ -76,6 +72,12 @@ int CArchiveFile::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHA
   }
 
   if (IsError()) return 0;
+  // A volume that already goes on in a further one is not the end of its
+  // set: a new volume after it would overwrite the set's next volume.
+  if (!first && IsContinue()) {
+    SetErrorCode(ERROR_ACCESS_DENIED);
+    return 0;
+  }
 
   DWORD volume = 0;
   ClearError();
@@ -89,8 +91,13 @@ int CArchiveFile::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHA
   const VolumeIdentity saved = VolumeIdentity::Of(first ? VolumeHeader::Fresh() : d.Header);
   if (volume & VolumeHeader::ContinueBit) SetErrorCode(ERROR_DISK_FULL);
 
-  // The full volume's header is written with the continuing mark.
-  if (!IsError() && !first) Close();
+  // The full volume's header is written with the continuing mark. A new
+  // archive closes whatever the object has open; with nothing open the
+  // close reports an error, which does not concern the new archive.
+  if (!IsError()) {
+    Close();
+    if (first) ClearError();
+  }
   // A new set always starts from the name the host gave, not from the last
   // volume an earlier operation of this object used.
   if (first && d.Limit && !d.BaseName.empty()) d.ArchiveName = d.BaseName;

@@ -48,6 +48,53 @@ TEST(AddingHooks, OrderAndCopyPiecesFollowTheClusters) {
   EXPECT_GT(host.EngineProgressCalls, 0);
 }
 
+namespace {
+
+// A host that also notes every call of Close.
+class ClosingHost : public Host {
+public:
+  int Close() override {
+    Calls.push_back("close");
+    return CArchiveFile::Close();
+  }
+};
+
+} // namespace
+
+// Starting a new archive closes whatever volume the object has (Close is
+// called even when none is open, and the error it reports then is
+// cleared); a volume the host left open keeps its own header.
+TEST(AddingHooks, NewArchiveClosesTheOpenVolumeFirst) {
+  test::TempDir dir;
+  test::WriteFile(dir.Host("source/f.txt"), "x");
+  {
+    ClosingHost host;
+    ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
+    ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
+    EXPECT_EQ(host.Calls,
+              (V{"start", "close", "file:Z:\\|" + test::N(dir.Win("source")) + "||f.txt",
+                 "progress:1/0", "progress:1/1", "progress:1/1", "close", "complete:1"}));
+    EXPECT_FALSE(host.IsError());
+  }
+  {
+    // With a limit the host's own volume is named B, the new set's first
+    // volume B.000.
+    CArchiveSize limit;
+    limit.LowPart = 100000;
+    ClosingHost host;
+    ASSERT_EQ(host.FileName(dir.Win("B.ARC").c_str(), &limit), 1);
+    ASSERT_EQ(host.CreateOpen(1, 0), 1);
+    CArchiveEntry entry;
+    SetName(entry, u"f.txt");
+    ASSERT_EQ(host.Compress(dir.Win("source").c_str(), entry, Srch{}, kNoSecurity), 1);
+    host.Calls.clear();
+    ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
+    EXPECT_EQ(host.CallsStartingWith("close"), (V{"close", "close"}));
+    EXPECT_EQ(Names(ReadVolume(dir.Win("B")).Entries), V{"f.txt"});
+    EXPECT_EQ(Names(ReadVolume(dir.Win("B.000")).Entries), V{"f.txt"});
+  }
+}
+
 TEST(AddingHooks, RefusedStartCallsOnlyTheCompletion) {
   test::TempDir dir;
   test::WriteFile(dir.Host("source/f.txt"), "x");
@@ -386,4 +433,27 @@ TEST(AddingDecisions, TemporaryFolderTooLongForTheNameBuffer) {
   ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
   EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
   EXPECT_EQ(host.GetErrorCode(), ERROR_FILENAME_EXCED_RANGE);
+}
+
+// A host's temporary-file member that fails after naming a file: the add
+// fails with the reported code, and the file it named was never reserved
+// for the add, so it is left alone.
+TEST(AddingDecisions, FailedTemporaryFileLeavesTheNameItReportedAlone) {
+  struct NoTemporary : Host {
+    CString name;
+    UINT GetTempCompressFile(CString& result, UINT, const WCHAR*) const override {
+      result = name;
+      SetLastError(ERROR_ACCESS_DENIED);
+      return 0;
+    }
+  };
+  test::TempDir dir;
+  test::WriteFile(dir.Host("source/f.txt"), "x");
+  test::WriteFile(dir.Host("precious"), "the host's own file");
+  NoTemporary host;
+  host.name = dir.Win("precious");
+  ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
+  EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
+  EXPECT_EQ(host.GetErrorCode(), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(test::ReadText(dir.Host("precious")), "the host's own file");
 }

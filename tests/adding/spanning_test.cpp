@@ -110,6 +110,37 @@ TEST(AddingSpanning, FileSplitOverThreeNumberedVolumes) {
   EXPECT_EQ(appender.GetErrorCode(), ERROR_ACCESS_DENIED);
 }
 
+// A volume that already goes on in a further volume is not the end of its
+// set: the full-volume handling refuses to start another volume after it,
+// which would overwrite the set's next volume.
+TEST(AddingSpanning, NoNewVolumeAfterOneThatAlreadyContinues) {
+  test::TempDir dir;
+  {
+    Host host;
+    AddBigFileInVolumes(host, dir, 1500000, 22, "BACKUP.ARC");
+  }
+  const auto first = test::ReadFile(dir.Host("BACKUP.000"));
+  const auto second = test::ReadFile(dir.Host("BACKUP.001"));
+
+  // FileName takes the last extension off a name under a limit, so this
+  // opens BACKUP.000 itself with the set's limit in force.
+  const CArchiveSize limit = Limit(1000000);
+  Host host;
+  ASSERT_EQ(host.FileName(dir.Win("BACKUP.000.x").c_str(), &limit), 1);
+  ASSERT_EQ(host.WriteOpen(0, 0), 1);
+  ASSERT_EQ(host.IsContinue(), 1);
+  CArchiveEntry entry;
+  EXPECT_EQ(host.DoDiskFull(nullptr, entry, nullptr, 0, 0), 0);
+  EXPECT_EQ(host.GetErrorCode(), ERROR_ACCESS_DENIED);
+  EXPECT_TRUE(host.IsOpen());
+  EXPECT_EQ(host.GetDiskNo(), 0u);
+  host.ClearError();
+  EXPECT_EQ(host.Close(), 1);
+  EXPECT_EQ(test::ReadFile(dir.Host("BACKUP.000")), first);
+  EXPECT_EQ(test::ReadFile(dir.Host("BACKUP.001")), second);
+  EXPECT_EQ(host.CallsStartingWith("disk"), V{});
+}
+
 TEST(AddingSpanning, FirstVolumeLimitAndLimitsThatMeanNone) {
   test::TempDir dir;
   const auto noise = test::RandomBytes(1000000, 5);
@@ -183,6 +214,21 @@ TEST(AddingSpanning, RecordThatDoesNotFitOpensTheNextVolume) {
   EXPECT_EQ(Names(volumes[1].Entries), V{"second.bin"});
   EXPECT_EQ(volumes[1].Entries[0].EntryOffset.GetValue(), 20u);
   EXPECT_EQ(volumes[1].Data(volumes[1].Entries[0]), test::ReadFile(dir.Host("source/second.bin")));
+}
+
+// A limit that leaves no byte for data behind a record at the start of a
+// volume would leave none on any later volume either: the add stops with
+// ERROR_DISK_FULL instead of making volume after volume.
+TEST(AddingSpanning, LimitWithNoRoomForDataEndsWithDiskFull) {
+  test::TempDir dir;
+  test::WriteFile(dir.Host("source/big.bin"), test::RandomBytes(5000, 23));
+  // The record of big.bin at offset 20 takes 72 + 2 * 7 = 86 bytes.
+  const CArchiveSize limit = Limit(20 + 86);
+  Host host;
+  ASSERT_EQ(host.FileName(dir.Win("out/B.ARC").c_str(), &limit), 1);
+  EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
+  EXPECT_EQ(host.GetErrorCode(), ERROR_DISK_FULL);
+  EXPECT_EQ(FolderContents(dir.Host("out")), (V{"B.000", "B.001"}));
 }
 
 TEST(AddingSpanning, ForeignFilesAreNeverOverwritten) {
