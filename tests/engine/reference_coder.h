@@ -1,0 +1,21 @@
+// A plain, slow model of the engine for the tests: the dictionary tree kept
+// with its classic hash chains ((first byte << 5) + parent, mask 0x1FFF,
+// chain heads marked by bit 15 in prev), the compression loop step by step
+// with no shortcuts, and the expansion loop one byte at a time. The library's
+// engine must produce exactly the same bytes.
+#pragma once
+
+#include "engine_test_util.h"
+
+namespace enginetest {
+
+// The code format 1 stream of `data`, as the engine (13, 256, 3) writes it.
+Bytes ReferenceCompress(const Bytes& data);
+
+// Decodes `stream` into at most `limit` bytes: stops at the end code, at a
+// code cut off by the end of the stream, or when `limit` bytes are out (the
+// rest of the window that was being filled is dropped, as a destination
+// with that limit would drop it).
+Bytes ReferenceExpand(const Bytes& stream, std::size_t limit);
+
+} // namespace enginetest
