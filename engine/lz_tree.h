@@ -49,6 +49,15 @@ inline std::uint64_t LoadNative64(const BYTE* p) {
   return v;
 }
 
+// The index of the first byte in which two words loaded with LoadNative64
+// differ, given their XOR (not 0).
+inline unsigned FirstDifferingByte(std::uint64_t diff) {
+  if constexpr (std::endian::native == std::endian::little)
+    return static_cast<unsigned>(std::countr_zero(diff)) >> 3;
+  else
+    return static_cast<unsigned>(std::countl_zero(diff)) >> 3;
+}
+
 // The node records and the chain heads, which lie one after the other in
 // the node block, seen as one array of 16-bit words: node x at 3x (parent,
 // prev, next), chain head h at heads + h. A node's prev is the offset in
@@ -94,12 +103,18 @@ TALVERN_ALWAYS_INLINE void AddChild(const Links& l, unsigned x, unsigned parent,
   l.Prev(f) = static_cast<WORD>(Links::NextLink(x));
 }
 
-// r when it is a child of q, else the node after it in its chain, without a
-// branch.
-TALVERN_ALWAYS_INLINE unsigned StayOrNext(const Links& l, unsigned r, unsigned q) {
-  const unsigned next = l.Next(r);
-  const unsigned stay = 0u - static_cast<unsigned>(l.Parent(r) == q);
-  return next ^ ((r ^ next) & stay);
+// Where a child of q is sought in a chain that starts with r: r itself or
+// one of the two nodes after it when one of them is a child of q, else the
+// third node, from which the search goes on. Most searches end within the
+// first three nodes. The second node is read before the first is known not
+// to be the one sought, and the choice is made without a branch.
+TALVERN_ALWAYS_INLINE unsigned SkipFirstTwo(const Links& l, unsigned r, unsigned q) {
+  const unsigned second = l.Next(r);
+  const unsigned keepFirst = 0u - static_cast<unsigned>(l.Parent(r) == q);
+  const unsigned third = l.Next(second);
+  const unsigned keepSecond = 0u - static_cast<unsigned>(l.Parent(second) == q);
+  const unsigned later = third ^ ((second ^ third) & keepSecond);
+  return later ^ ((r ^ later) & keepFirst);
 }
 
 // The chain of the child of `parent` whose edge begins with byte c. Any
@@ -245,11 +260,7 @@ template <class Shape> TALVERN_ALWAYS_INLINE void UpdateTree(Tree<Shape>& t) {
     if (lookup) {
       const unsigned h = ChildChain(q, here[len]);
       l.Parent(NIL) = static_cast<WORD>(q); // sentinel: the walk ends at NIL at the latest
-      r = l.Head(h);
-      // Most searches end within the first three nodes of the chain: step
-      // along without a branch while the node is not the one sought.
-      r = StayOrNext(l, r, q);
-      r = StayOrNext(l, r, q);
+      r = SkipFirstTwo(l, l.Head(h), q);
       while (l.Parent(r) != q) r = l.Next(r);
       if (r == NIL) {
         AddChild(l, pos, q, h);
@@ -278,22 +289,36 @@ template <class Shape> TALVERN_ALWAYS_INLINE void UpdateTree(Tree<Shape>& t) {
     while (len + 8 <= j) {
       const std::uint64_t diff = LoadNative64(here + len) ^ LoadNative64(there + len);
       if (diff != 0) {
-        if constexpr (std::endian::native == std::endian::little)
-          len += static_cast<unsigned>(std::countr_zero(diff)) >> 3;
-        else
-          len += static_cast<unsigned>(std::countl_zero(diff)) >> 3;
+        len += FirstDifferingByte(diff);
         differs = true;
         break;
       }
       len += 8;
     }
-    if (!differs) {
-      while (len < j) {
-        if (here[len] != there[len]) {
+    if (!differs && len < j) {
+      if (len + 8 <= t.maxMatch) {
+        // Fewer than eight bytes of the edge are left, and eight can be
+        // read inside the window: one comparison with the rest masked off.
+        std::uint64_t diff = LoadNative64(here + len) ^ LoadNative64(there + len);
+        const unsigned left = 8 * (j - len);
+        if constexpr (std::endian::native == std::endian::little)
+          diff &= ~std::uint64_t{0} >> (64 - left);
+        else
+          diff &= ~std::uint64_t{0} << (64 - left);
+        if (diff != 0) {
+          len += FirstDifferingByte(diff);
           differs = true;
-          break;
+        } else {
+          len = j;
         }
-        ++len;
+      } else {
+        while (len < j) {
+          if (here[len] != there[len]) {
+            differs = true;
+            break;
+          }
+          ++len;
+        }
       }
     }
     matchLen = len;
