@@ -4,7 +4,9 @@
 
 #include "engine/block.h"
 #include "engine/code_format1.h"
+#include "foundation/handles.h"
 
+#include <initializer_list>
 #include <memory>
 #include <new>
 
@@ -17,33 +19,25 @@ constexpr DWORD StoredPiece = 4096;
 // part of the result.
 class DriverFiles {
 public:
-  DriverFiles() = default;
-  DriverFiles(const DriverFiles&) = delete;
-  DriverFiles& operator=(const DriverFiles&) = delete;
-  ~DriverFiles() {
-    if (source_ != INVALID_HANDLE_VALUE) CloseHandle(source_);
-    if (target_ != INVALID_HANDLE_VALUE) CloseHandle(target_);
-  }
-
   // Opens the source for reading, creates the target and takes the source's
   // size. A failure stores its code; the target may then exist (empty).
   bool Open(DWORD& error, const WCHAR* target, const WCHAR* source) {
-    source_ = CreateFileW(source, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                          DriverFileFlags, nullptr);
-    if (source_ == INVALID_HANDLE_VALUE) {
+    source_.Reset(CreateFileW(source, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              DriverFileFlags, nullptr));
+    if (!source_.IsValid()) {
       error = GetLastError();
       return false;
     }
-    target_ = CreateFileW(target, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                          DriverFileFlags, nullptr);
-    if (target_ == INVALID_HANDLE_VALUE) {
+    target_.Reset(CreateFileW(target, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                              DriverFileFlags, nullptr));
+    if (!target_.IsValid()) {
       error = GetLastError();
       return false;
     }
     // A low half of 0xFFFFFFFF is a valid size; only the last error tells.
     DWORD high = 0;
     SetLastError(NO_ERROR);
-    const DWORD low = GetFileSize(source_, &high);
+    const DWORD low = GetFileSize(source_.Get(), &high);
     if (low == INVALID_FILE_SIZE && GetLastError() != NO_ERROR) {
       error = GetLastError();
       return false;
@@ -55,18 +49,8 @@ public:
   // Closes both files; a failure to close decides the result only when
   // nothing failed before.
   bool Close(DWORD& error, bool ok) {
-    if (source_ != INVALID_HANDLE_VALUE) {
-      const BOOL closed = CloseHandle(source_);
-      source_ = INVALID_HANDLE_VALUE;
-      if (!closed && ok) {
-        error = GetLastError();
-        ok = false;
-      }
-    }
-    if (target_ != INVALID_HANDLE_VALUE) {
-      const BOOL closed = CloseHandle(target_);
-      target_ = INVALID_HANDLE_VALUE;
-      if (!closed && ok) {
+    for (ScopedHandle* file : {&source_, &target_}) {
+      if (!file->Close() && ok) {
         error = GetLastError();
         ok = false;
       }
@@ -74,13 +58,13 @@ public:
     return ok;
   }
 
-  HANDLE Source() const { return source_; }
-  HANDLE Target() const { return target_; }
+  HANDLE Source() const { return source_.Get(); }
+  HANDLE Target() const { return target_.Get(); }
   std::uint64_t SourceSize() const { return sourceSize_; }
 
 private:
-  HANDLE source_ = INVALID_HANDLE_VALUE;
-  HANDLE target_ = INVALID_HANDLE_VALUE;
+  ScopedHandle source_;
+  ScopedHandle target_;
   std::uint64_t sourceSize_ = 0;
 };
 
