@@ -1,8 +1,9 @@
 // The decoder on any bytes: both expansion paths (straight out of the bit
-// buffer, and through the virtual operations) must give the same bytes and
-// the same result, within the limit, and end.
+// buffer, and through the virtual operations) must give the bytes of the
+// plain model and the same result, within the limit, and end.
 #include "engine/code_format1.h"
 #include "fuzz_common.h"
+#include "tests/engine/reference_coder.h"
 
 #include <cstring>
 #include <vector>
@@ -46,5 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FUZZ_CHECK(a.ok == b.ok && a.error == b.error);
   FUZZ_CHECK(a.bytes == b.bytes && a.crc == b.crc);
   FUZZ_CHECK(a.bytes.size() <= limit);
+  FUZZ_CHECK(a.bytes ==
+             enginetest::ReferenceExpand(enginetest::Bytes(data + 2, data + size), limit));
   return 0;
 }

@@ -1,13 +1,17 @@
-// A plain, slow model of the engine for the tests: the dictionary tree kept
+// A plain, slow model of the engine for the tests and the fuzzers: the dictionary tree kept
 // with its classic hash chains ((first byte << 5) + parent, mask 0x1FFF,
 // chain heads marked by bit 15 in prev), the compression loop step by step
 // with no shortcuts, and the expansion loop one byte at a time. The library's
 // engine must produce exactly the same bytes.
 #pragma once
 
-#include "engine_test_util.h"
+#include <cstddef>
+#include <cstdint>
+#include <vector>
 
 namespace enginetest {
+
+using Bytes = std::vector<std::uint8_t>;
 
 // The code format 1 stream of `data`, as the engine (13, 256, 3) writes it.
 Bytes ReferenceCompress(const Bytes& data);

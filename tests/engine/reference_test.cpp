@@ -2,6 +2,7 @@
 // byte of the encoder, on the corpus and on data built to stress the tree
 // (long runs, repeated 256-byte strings, tiny alphabets, both window
 // slides), and every byte the decoders make of hostile streams.
+#include "engine_test_util.h"
 #include "reference_coder.h"
 
 #include <gtest/gtest.h>
