@@ -43,23 +43,6 @@ TEST(ArchiveObject, ErrorLatchKeepsTheFirstCode) {
   EXPECT_TRUE(a.IsError());
 }
 
-TEST(ArchiveObject, FreshObjectStateAndDefaultTimes) {
-  CArchiveFile a;
-  EXPECT_FALSE(a.IsOpen() || a.IsReadable() || a.IsWritable() || a.IsBusy() || a.IsContinue());
-  EXPECT_EQ(a.GetArchiveSize().GetValue(), 0u);
-  EXPECT_EQ(a.LimitSize(), nullptr);
-  ASSERT_NE(a.FileName(), nullptr);
-  EXPECT_EQ(a.FileName()[0], 0);
-
-  a.DefaultCreateTime(FILETIME{1, 2});
-  a.DefaultLastWriteTime(FILETIME{3, 4});
-  a.DefaultLastAccessTime(FILETIME{5, 6});
-  a.ClearDefaultLastWriteTime();
-  EXPECT_EQ(a.DefaultCreateTime().dwHighDateTime, 2u);
-  EXPECT_EQ(a.DefaultLastWriteTime().dwLowDateTime, 0u);
-  EXPECT_EQ(a.DefaultLastAccessTime().dwLowDateTime, 5u);
-}
-
 TEST(ArchiveObject, FileNameAndLimits) {
   TempDir dir;
   RecordArchive a;
