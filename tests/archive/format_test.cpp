@@ -48,7 +48,8 @@ TEST_F(FormatTest, WorkedExampleByteForByte) {
   Create();
   CArchiveEntry e = FileEntry(u"a.txt", CString(), 2);
   e.Crc = 0x994A3853u;
-  e.FindData.ftCreationTime = e.FindData.ftLastAccessTime = e.FindData.ftLastWriteTime = MakeFileTime(kTime);
+  e.FindData.ftCreationTime = e.FindData.ftLastAccessTime = e.FindData.ftLastWriteTime =
+      MakeFileTime(kTime);
   ASSERT_TRUE(AppendEntry(archive, e, AsBytes("hi")));
   EXPECT_EQ(e.EntryOffset.GetValue(), 20u);
   EXPECT_EQ(e.DataOffset.GetValue(), 102u);
