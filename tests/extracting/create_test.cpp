@@ -30,9 +30,12 @@ protected:
 TEST_F(CreateTest, NewItemsAreCreatedEmptyWithoutAsking) {
   EXPECT_EQ(1, Create("new.txt"));
   EXPECT_EQ(1, Create("newdir", true));
-  EXPECT_TRUE(archive.Calls.empty());
   EXPECT_EQ(std::vector<std::uint8_t>{}, ReadFile(Out("new.txt")));
   EXPECT_TRUE(std::filesystem::is_directory(Out("newdir")));
+  // Another failure than an existing item reports the first code.
+  EXPECT_EQ(-1, Create("missing/a.txt"));
+  EXPECT_EQ(ERROR_PATH_NOT_FOUND, archive.GetErrorCode());
+  EXPECT_TRUE(archive.Calls.empty());
 }
 
 TEST_F(CreateTest, ReplaceClearsAttributesAndEmptiesTheFile) {
@@ -62,13 +65,6 @@ TEST_F(CreateTest, AnItemOfTheOtherKindCancelsWithoutAsking) {
   EXPECT_EQ("a file", ReadText(Out("x")));
 }
 
-TEST_F(CreateTest, SkipLeavesTheExistingFileAlone) {
-  WriteFile(Out("a.txt"), "old");
-  archive.OverwriteAnswers = {CArchiveFile::OverwriteSkip};
-  EXPECT_EQ(3, Create("a.txt"));
-  EXPECT_EQ("old", ReadText(Out("a.txt")));
-}
-
 TEST_F(CreateTest, BackupMovesTheOldFileToOrgUnlessThatNameIsTaken) {
   WriteFile(Out("a.txt"), "old");
   archive.OverwriteAnswers = {CArchiveFile::OverwriteBackup};
@@ -86,9 +82,11 @@ TEST_F(CreateTest, BackupMovesTheOldFileToOrgUnlessThatNameIsTaken) {
   EXPECT_EQ("newer", ReadText(Out("a.txt")));
 }
 
-TEST_F(CreateTest, RenameCreatesTheNewItemBesideTheOldOne) {
+TEST_F(CreateTest, SkipAndRenameLeaveTheOldFileAlone) {
   WriteFile(Out("a.txt"), "old");
-  archive.OverwriteAnswers = {CArchiveFile::OverwriteRename};
+  archive.OverwriteAnswers = {CArchiveFile::OverwriteSkip, CArchiveFile::OverwriteRename};
+  EXPECT_EQ(3, Create("a.txt"));
+  EXPECT_EQ("old", ReadText(Out("a.txt")));
   EXPECT_EQ(2, Create("a.txt"));
   EXPECT_EQ(Win(Out("a.txt.NEW")), replacement);
   EXPECT_EQ("", ReadText(Out("a.txt.NEW")));
@@ -107,12 +105,6 @@ TEST_F(CreateTest, CancelAndUnknownAnswersCancel) {
     archive.ClearError();
   }
   EXPECT_EQ("old", ReadText(Out("a.txt")));
-}
-
-TEST_F(CreateTest, AnotherFailureThanAnExistingItemReportsTheFirstCode) {
-  EXPECT_EQ(-1, Create("missing/a.txt"));
-  EXPECT_EQ(ERROR_PATH_NOT_FOUND, archive.GetErrorCode());
-  EXPECT_TRUE(archive.Calls.empty());
 }
 
 // The destination is a removable medium that the user swaps while the
