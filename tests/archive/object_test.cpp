@@ -43,6 +43,18 @@ TEST(ArchiveObject, ErrorLatchKeepsTheFirstCode) {
   EXPECT_TRUE(a.IsError());
 }
 
+// The host's getters give what it set; a cleared default reads as none.
+TEST(ArchiveObject, DefaultTimesAreKeptUntilCleared) {
+  CArchiveFile a;
+  a.DefaultCreateTime(FILETIME{1, 2});
+  a.DefaultLastWriteTime(FILETIME{3, 4});
+  a.DefaultLastAccessTime(FILETIME{5, 6});
+  a.ClearDefaultLastWriteTime();
+  EXPECT_EQ(a.DefaultCreateTime().dwHighDateTime, 2u);
+  EXPECT_EQ(a.DefaultLastWriteTime().dwLowDateTime, 0u);
+  EXPECT_EQ(a.DefaultLastAccessTime().dwLowDateTime, 5u);
+}
+
 TEST(ArchiveObject, FileNameAndLimits) {
   TempDir dir;
   RecordArchive a;
