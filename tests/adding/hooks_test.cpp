@@ -1,6 +1,7 @@
 // The hooks an add calls and in which order, cancellation from each of
 // them, the refusals of the two public operations, and single items.
 #include "adding/adding_support.h"
+#include "security/security_fixtures.h"
 
 #include <gtest/gtest.h>
 
@@ -325,38 +326,14 @@ namespace {
 // A self-relative descriptor owned by this process's user and group, with a
 // DACL of two entries.
 std::vector<BYTE> KnownDescriptor() {
-  auto makeSid = [](DWORD kind, DWORD id) {
-    std::vector<BYTE> sid(GetSidLengthRequired(2));
-    SID_IDENTIFIER_AUTHORITY unix{{0, 0, 0, 0, 0, 22}};
-    InitializeSid(sid.data(), &unix, 2);
-    *GetSidSubAuthority(sid.data(), 0) = kind;
-    *GetSidSubAuthority(sid.data(), 1) = id;
-    return sid;
-  };
-  auto owner = makeSid(1, static_cast<DWORD>(getuid()));
-  auto group = makeSid(2, static_cast<DWORD>(getgid()));
-  std::vector<BYTE> everyone(GetSidLengthRequired(1));
-  SID_IDENTIFIER_AUTHORITY world{{0, 0, 0, 0, 0, 1}};
-  InitializeSid(everyone.data(), &world, 1);
-  *GetSidSubAuthority(everyone.data(), 0) = 0;
-
-  std::vector<BYTE> acl(256);
-  InitializeAcl(reinterpret_cast<PACL>(acl.data()), static_cast<DWORD>(acl.size()), ACL_REVISION);
-  AddAccessAllowedAce(reinterpret_cast<PACL>(acl.data()), ACL_REVISION, FILE_ALL_ACCESS,
-                      owner.data());
-  AddAccessAllowedAce(reinterpret_cast<PACL>(acl.data()), ACL_REVISION, FILE_GENERIC_READ,
-                      everyone.data());
-
-  SECURITY_DESCRIPTOR absolute{};
-  InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION);
-  SetSecurityDescriptorOwner(&absolute, owner.data(), FALSE);
-  SetSecurityDescriptorGroup(&absolute, group.data(), FALSE);
-  SetSecurityDescriptorDacl(&absolute, TRUE, reinterpret_cast<PACL>(acl.data()), FALSE);
-  DWORD length = 0;
-  MakeSelfRelativeSD(&absolute, nullptr, &length);
-  std::vector<BYTE> relative(length);
-  EXPECT_TRUE(MakeSelfRelativeSD(&absolute, relative.data(), &length));
-  return relative;
+  using namespace sectest;
+  const auto owner = Sid(22, {1, static_cast<std::uint32_t>(getuid())});
+  const auto group = Sid(22, {2, static_cast<std::uint32_t>(getgid())});
+  Layout l;
+  l.owner = owner;
+  l.group = group;
+  l.dacl = Acl({Ace(0, 0, FILE_ALL_ACCESS, owner), Ace(0, 0, FILE_GENERIC_READ, Everyone())});
+  return SelfRelative(l);
 }
 
 } // namespace
