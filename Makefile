@@ -45,6 +45,7 @@ fuzz:
 	@scripts/run-fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 bench: build
+	@scripts/install-deps.sh --bench
 	@scripts/bench.sh $(BUILD)
 
 format:

@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
 # Installs what building and testing talvern needs, when it is missing:
 # a C++20 compiler, CMake, make, pkg-config, GoogleTest and Google Benchmark
-# (and clang with its sanitizer runtimes for `make fuzz`).
+# (and clang with its sanitizer runtimes for `make fuzz`, and gzip, zstd and
+# lz4 for `make bench`).
 set -euo pipefail
 
 want_fuzz=0
+want_bench=0
 [ "${1:-}" = "--fuzz" ] && want_fuzz=1
+[ "${1:-}" = "--bench" ] && want_bench=1
 
 missing=()
 command -v cmake >/dev/null 2>&1 || missing+=(cmake)
@@ -19,6 +22,10 @@ if [ "$want_fuzz" = 1 ]; then
   command -v clang++ >/dev/null 2>&1 || missing+=(clang)
   ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 ||
     missing+=(libclang-rt-dev)
+fi
+
+if [ "$want_bench" = 1 ]; then
+  for tool in gzip zstd lz4; do command -v $tool >/dev/null 2>&1 || missing+=($tool); done
 fi
 
 [ ${#missing[@]} -eq 0 ] && exit 0

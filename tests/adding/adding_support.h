@@ -1,9 +1,8 @@
-// Shared pieces of the adding tests: a host that records its hooks and can
-// be told how to answer, and readers that take archives apart through the
-// entry search and the expansion driver.
+// The host of the adding tests: it records its hooks and can be told how
+// to answer them.
 #pragma once
 
-#include "support/test_support.h"
+#include "support/archive_support.h"
 
 #include <functional>
 #include <string>
@@ -11,9 +10,8 @@
 
 namespace adding {
 
-// CRC-32 as archives store it: reflected 0xEDB88320, start 0, no final
-// inversion.
-DWORD Crc32(const std::vector<std::uint8_t>& bytes);
+using namespace test;
+using V = std::vector<std::string>;
 
 // Flags that leave security capture out, for tests about other things.
 constexpr CArchiveFile::CAttrFlags kNoSecurity = CArchiveFile::AttrNoSecurity;
@@ -73,55 +71,5 @@ protected:
 private:
   bool inEngine_ = false;
 };
-
-// One volume as the entry search sees it.
-struct Volume {
-  DWORD Number = 0;
-  bool Continues = false;
-  std::uint64_t ArchiveSize = 0;
-  std::vector<CArchiveEntry> Entries;
-  std::vector<std::uint8_t> Bytes; // the whole volume file
-
-  // The stored data that follows an entry's record in this volume.
-  std::vector<std::uint8_t> Data(const CArchiveEntry& entry) const;
-};
-
-// Reads a volume file (Windows path) record by record; fails the test when
-// the file is not a volume or a record cannot be read.
-Volume ReadVolume(const CString& path);
-
-// Expands stored data of an entry through the archive object's driver;
-// true with the original bytes in out, false with the driver's error.
-bool Expand(const std::vector<std::uint8_t>& stored, const CArchiveEntry& entry,
-            std::vector<std::uint8_t>& out, DWORD& error);
-
-// Sets the entry's own name (cFileName).
-void SetName(CArchiveEntry& entry, const std::u16string& name);
-
-// The entry's name with its folder, "\\"-joined, for messages and lookups.
-std::string FullName(const CArchiveEntry& entry);
-
-// Names of the entries in order.
-std::vector<std::string> Names(const std::vector<CArchiveEntry>& entries);
-
-// The names in a host folder (not recursive), sorted.
-std::vector<std::string> FolderContents(const std::string& hostDir);
-
-// Points the system's temporary directory (TMPDIR) at a folder for as long
-// as it lives, so that a test can see the temporary files an add makes.
-class TemporaryFolderOverride {
-public:
-  explicit TemporaryFolderOverride(const std::string& hostDir);
-  ~TemporaryFolderOverride();
-  TemporaryFolderOverride(const TemporaryFolderOverride&) = delete;
-  TemporaryFolderOverride& operator=(const TemporaryFolderOverride&) = delete;
-
-private:
-  bool hadValue_ = false;
-  std::string previous_;
-};
-
-FILETIME MakeFileTime(std::uint64_t value);
-std::uint64_t FileTimeValue(const FILETIME& time);
 
 } // namespace adding

@@ -1,6 +1,7 @@
 // The hooks an add calls and in which order, cancellation from each of
 // them, the refusals of the two public operations, and single items.
 #include "adding/adding_support.h"
+#include "security/security_fixtures.h"
 
 #include <gtest/gtest.h>
 
@@ -15,12 +16,11 @@
 using namespace adding;
 using Srch = CArchiveFile::CSrchFlags;
 using Attr = CArchiveFile::CAttrFlags;
-using V = std::vector<std::string>;
 
 namespace {
 
 // A fixed drive F: over a folder of dir, with 4096-byte clusters.
-void MountFixed(const test::TempDir& dir) {
+void MountFixed(const TempDir& dir) {
   talvern::MediumSpec medium;
   medium.HostDir = dir.Host("drive");
   medium.Serial = 0x1234;
@@ -30,10 +30,10 @@ void MountFixed(const test::TempDir& dir) {
 } // namespace
 
 TEST(AddingHooks, OrderAndCopyPiecesFollowTheClusters) {
-  test::TempDir dir;
+  TempDir dir;
   MountFixed(dir);
-  test::WriteFile(dir.Host("source/d/f.bin"), test::RandomBytes(300000, 3));
-  const std::string source = test::N(dir.Win("source"));
+  WriteFile(dir.Host("source/d/f.bin"), RandomBytes(300000, 3));
+  const std::string source = N(dir.Win("source"));
 
   Host host;
   ASSERT_EQ(host.FileName(u"F:\\out.arc", nullptr), 1);
@@ -65,15 +65,15 @@ public:
 // called even when none is open, and the error it reports then is
 // cleared); a volume the host left open keeps its own header.
 TEST(AddingHooks, NewArchiveClosesTheOpenVolumeFirst) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/f.txt"), "x");
+  TempDir dir;
+  WriteFile(dir.Host("source/f.txt"), "x");
   {
     ClosingHost host;
     ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
     ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
     EXPECT_EQ(host.Calls,
-              (V{"start", "close", "file:Z:\\|" + test::N(dir.Win("source")) + "||f.txt",
-                 "progress:1/0", "progress:1/1", "progress:1/1", "close", "complete:1"}));
+              (V{"start", "close", "file:Z:\\|" + N(dir.Win("source")) + "||f.txt", "progress:1/0",
+                 "progress:1/1", "progress:1/1", "close", "complete:1"}));
     EXPECT_FALSE(host.IsError());
   }
   {
@@ -96,8 +96,8 @@ TEST(AddingHooks, NewArchiveClosesTheOpenVolumeFirst) {
 }
 
 TEST(AddingHooks, RefusedStartCallsOnlyTheCompletion) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/f.txt"), "x");
+  TempDir dir;
+  WriteFile(dir.Host("source/f.txt"), "x");
   {
     Host host;
     host.OnStart = [] { return 0; };
@@ -106,7 +106,7 @@ TEST(AddingHooks, RefusedStartCallsOnlyTheCompletion) {
     EXPECT_EQ(host.Calls, (V{"start", "complete:0"}));
     EXPECT_EQ(host.GetErrorCode(), ERROR_CANCELLED);
     EXPECT_TRUE(host.IsAborted());
-    EXPECT_FALSE(test::Exists(dir.Host("out.arc")));
+    EXPECT_FALSE(Exists(dir.Host("out.arc")));
   }
   {
     Host host;
@@ -130,18 +130,18 @@ struct CancelPoint {
 class AddingCancel : public ::testing::TestWithParam<int> {};
 
 TEST_P(AddingCancel, EachHookStopsTheRunAndLeavesNoTemporaryFile) {
-  test::TempDir dir;
+  TempDir dir;
   const std::string tmp = dir.Host("tmp");
-  const TemporaryFolderOverride useTmp(tmp);
-  test::WriteFile(dir.Host("source/a.txt"), std::string(50000, 'a'));
-  test::WriteFile(dir.Host("source/b.txt"), std::string(600000, 'b'));
-  const auto noise = test::RandomBytes(600000, 9);
-  test::WriteFile(dir.Host("source/c.bin"), noise);
+  const ScopedTemporaryFolder useTmp(tmp);
+  WriteFile(dir.Host("source/a.txt"), std::string(50000, 'a'));
+  WriteFile(dir.Host("source/b.txt"), std::string(600000, 'b'));
+  const auto noise = RandomBytes(600000, 9);
+  WriteFile(dir.Host("source/c.bin"), noise);
 
   const CancelPoint points[] = {
       {"file hook, second file",
        [](Host& h) {
-         h.OnFile = [](const CArchiveEntry& e) { return test::N(e.FindData.cFileName) != "b.txt"; };
+         h.OnFile = [](const CArchiveEntry& e) { return N(e.FindData.cFileName) != "b.txt"; };
        }},
       {"engine progress",
        [](Host& h) { h.OnProgress = [](auto&, auto, auto, bool engine) { return !engine; }; }},
@@ -162,7 +162,7 @@ TEST_P(AddingCancel, EachHookStopsTheRunAndLeavesNoTemporaryFile) {
          // The second call with everything written is the last one.
          auto seen = std::make_shared<int>(0);
          h.OnProgress = [seen](auto& e, std::uint64_t, std::uint64_t second, bool engine) {
-           if (engine || test::N(e.FindData.cFileName) != "c.bin" || second != 600000) return 1;
+           if (engine || N(e.FindData.cFileName) != "c.bin" || second != 600000) return 1;
            return ++*seen == 2 ? 0 : 1;
          };
        }},
@@ -182,25 +182,25 @@ TEST_P(AddingCancel, EachHookStopsTheRunAndLeavesNoTemporaryFile) {
   EXPECT_EQ(FolderContents(tmp), V{});
   // Whatever remains of the archive holds whole entries only: the item
   // that failed was taken out again.
-  if (test::Exists(dir.Host("out.arc"))) {
+  if (Exists(dir.Host("out.arc"))) {
     const Volume volume = ReadVolume(dir.Win("out.arc"));
     EXPECT_LT(volume.Entries.size(), 3u);
     for (const auto& e : volume.Entries) {
       EXPECT_EQ(e.CompressType & 0x80000000u, 0u);
       EXPECT_EQ(e.DataSize.GetValue(), e.PackedSize.GetValue()) << FullName(e);
       if (e.CompressType == 0) {
-        EXPECT_EQ(volume.Data(e), test::ReadFile(dir.Host("source/" + FullName(e))));
+        EXPECT_EQ(volume.Data(e), ReadFile(dir.Host("source/" + FullName(e))));
       }
     }
   }
-  EXPECT_EQ(test::ReadFile(dir.Host("source/c.bin")), noise);
+  EXPECT_EQ(ReadFile(dir.Host("source/c.bin")), noise);
 }
 
 INSTANTIATE_TEST_SUITE_P(Points, AddingCancel, ::testing::Range(0, 6));
 
 TEST(AddingHooks, RefusalsOfTheTwoOperations) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/f.txt"), "x");
+  TempDir dir;
+  WriteFile(dir.Host("source/f.txt"), "x");
   {
     Host host; // no archive name: the first volume cannot be created
     EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
@@ -227,8 +227,8 @@ TEST(AddingHooks, RefusalsOfTheTwoOperations) {
     EXPECT_EQ(nestedOne, ERROR_PATH_BUSY);
     // The refused single add still reports its start and its end.
     EXPECT_EQ(host.Calls,
-              (V{"start", "file:Z:\\|" + test::N(dir.Win("source")) + "||f.txt", "start",
-                 "complete:0", "progress:1/0", "progress:1/1", "progress:1/1", "complete:1"}));
+              (V{"start", "file:Z:\\|" + N(dir.Win("source")) + "||f.txt", "start", "complete:0",
+                 "progress:1/0", "progress:1/1", "progress:1/1", "complete:1"}));
     EXPECT_EQ(ReadVolume(dir.Win("out.arc")).Entries.size(), 1u);
   }
 
@@ -270,10 +270,10 @@ TEST(AddingHooks, RefusalsOfTheTwoOperations) {
 }
 
 TEST(AddingSingle, ItemsAppendReplaceAndDescendWithThePathKept) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("base/sub/one.txt"), "first file");
-  test::WriteFile(dir.Host("base/sub/two.log"), std::string(5000, 'z'));
-  test::WriteFile(dir.Host("base/tree/x/y.txt"), "y");
+  TempDir dir;
+  WriteFile(dir.Host("base/sub/one.txt"), "first file");
+  WriteFile(dir.Host("base/sub/two.log"), std::string(5000, 'z'));
+  WriteFile(dir.Host("base/tree/x/y.txt"), "y");
 
   Host host;
   ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
@@ -286,7 +286,7 @@ TEST(AddingSingle, ItemsAppendReplaceAndDescendWithThePathKept) {
   ASSERT_EQ(host.Compress(base.c_str(), entry, Srch{}, kNoSecurity), 1);
   EXPECT_TRUE(host.IsOpen());
   EXPECT_FALSE(host.IsMediaChanged());
-  EXPECT_EQ(test::N(entry.Path), "sub");
+  EXPECT_EQ(N(entry.Path), "sub");
   EXPECT_EQ(entry.EntryOffset.GetValue(), 20u);
   const std::uint64_t secondAt = host.GetArchiveSize().GetValue();
 
@@ -296,7 +296,7 @@ TEST(AddingSingle, ItemsAppendReplaceAndDescendWithThePathKept) {
   SetName(wild, u"*.log");
   wild.CompressType = 2; // not a method of this library: stored as it is
   ASSERT_EQ(host.Compress(base.c_str(), wild, Srch{}, kNoSecurity), 1);
-  EXPECT_EQ(test::N(wild.FindData.cFileName), "two.log");
+  EXPECT_EQ(N(wild.FindData.cFileName), "two.log");
   EXPECT_EQ(wild.CompressType, 0u);
 
   // A directory called "." (here the first match of ".*") adds nothing; a
@@ -318,7 +318,7 @@ TEST(AddingSingle, ItemsAppendReplaceAndDescendWithThePathKept) {
 
   const Volume volume = ReadVolume(dir.Win("out.arc"));
   EXPECT_EQ(Names(volume.Entries), (V{"sub\\one.txt", "tree", "tree\\x", "tree\\x\\y.txt"}));
-  EXPECT_EQ(volume.Data(volume.Entries[0]), test::ReadFile(dir.Host("base/sub/one.txt")));
+  EXPECT_EQ(volume.Data(volume.Entries[0]), ReadFile(dir.Host("base/sub/one.txt")));
 }
 
 namespace {
@@ -326,52 +326,20 @@ namespace {
 // A self-relative descriptor owned by this process's user and group, with a
 // DACL of two entries.
 std::vector<BYTE> KnownDescriptor() {
-  auto makeSid = [](DWORD kind, DWORD id) {
-    std::vector<BYTE> sid(GetSidLengthRequired(2));
-    SID_IDENTIFIER_AUTHORITY unix{{0, 0, 0, 0, 0, 22}};
-    InitializeSid(sid.data(), &unix, 2);
-    *GetSidSubAuthority(sid.data(), 0) = kind;
-    *GetSidSubAuthority(sid.data(), 1) = id;
-    return sid;
-  };
-  auto owner = makeSid(1, static_cast<DWORD>(getuid()));
-  auto group = makeSid(2, static_cast<DWORD>(getgid()));
-  std::vector<BYTE> everyone(GetSidLengthRequired(1));
-  SID_IDENTIFIER_AUTHORITY world{{0, 0, 0, 0, 0, 1}};
-  InitializeSid(everyone.data(), &world, 1);
-  *GetSidSubAuthority(everyone.data(), 0) = 0;
-
-  std::vector<BYTE> acl(256);
-  InitializeAcl(reinterpret_cast<PACL>(acl.data()), static_cast<DWORD>(acl.size()), ACL_REVISION);
-  AddAccessAllowedAce(reinterpret_cast<PACL>(acl.data()), ACL_REVISION, FILE_ALL_ACCESS,
-                      owner.data());
-  AddAccessAllowedAce(reinterpret_cast<PACL>(acl.data()), ACL_REVISION, FILE_GENERIC_READ,
-                      everyone.data());
-
-  SECURITY_DESCRIPTOR absolute{};
-  InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION);
-  SetSecurityDescriptorOwner(&absolute, owner.data(), FALSE);
-  SetSecurityDescriptorGroup(&absolute, group.data(), FALSE);
-  SetSecurityDescriptorDacl(&absolute, TRUE, reinterpret_cast<PACL>(acl.data()), FALSE);
-  DWORD length = 0;
-  MakeSelfRelativeSD(&absolute, nullptr, &length);
-  std::vector<BYTE> relative(length);
-  EXPECT_TRUE(MakeSelfRelativeSD(&absolute, relative.data(), &length));
-  return relative;
-}
-
-std::vector<BYTE> DescriptorOf(const CString& path) {
-  DWORD needed = 0;
-  GetFileSecurityW(path.c_str(), 0x0F, nullptr, 0, &needed);
-  std::vector<BYTE> bytes(needed);
-  EXPECT_TRUE(GetFileSecurityW(path.c_str(), 0x0F, bytes.data(), needed, &needed));
-  return bytes;
+  using namespace sectest;
+  const auto owner = Sid(22, {1, static_cast<std::uint32_t>(getuid())});
+  const auto group = Sid(22, {2, static_cast<std::uint32_t>(getgid())});
+  Layout l;
+  l.owner = owner;
+  l.group = group;
+  l.dacl = Acl({Ace(0, 0, FILE_ALL_ACCESS, owner), Ace(0, 0, FILE_GENERIC_READ, Everyone())});
+  return SelfRelative(l);
 }
 
 } // namespace
 
 TEST(AddingSecurity, DescriptorTravelsByteForByteAndNeedsThePrivilege) {
-  test::TempDir dir;
+  TempDir dir;
   talvern::SetPrivilegeHeld(SE_SECURITY_NAME, TRUE);
   const std::vector<BYTE> known = KnownDescriptor();
   ASSERT_FALSE(known.empty());
@@ -381,18 +349,18 @@ TEST(AddingSecurity, DescriptorTravelsByteForByteAndNeedsThePrivilege) {
                                CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
   ASSERT_NE(f, INVALID_HANDLE_VALUE) << GetLastError();
   CloseHandle(f);
-  test::WriteFile(dir.Host("source/folder/plain.txt"), "p");
+  WriteFile(dir.Host("source/folder/plain.txt"), "p");
 
   Host host;
   ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
   ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, Attr{}), 1) << host.GetErrorCode();
   // The capture enabled the privilege that reading a SACL needs.
-  EXPECT_EQ(DescriptorOf(dir.Win("source/secured.txt")), known);
+  EXPECT_EQ(DescriptorOf(dir.Win("source/secured.txt"), 0x0F), known);
   for (const auto& e : ReadVolume(dir.Win("out.arc")).Entries) {
     std::string relative = FullName(e);
     std::replace(relative.begin(), relative.end(), '\\', '/');
     const CString path = dir.Win("source/" + relative);
-    const std::vector<BYTE> expected = DescriptorOf(path);
+    const std::vector<BYTE> expected = DescriptorOf(path, 0x0F);
     ASSERT_NE(e.Security, nullptr);
     ASSERT_GT(e.Security->Length, 0u) << FullName(e); // folders are captured too
     EXPECT_EQ(std::vector<BYTE>(e.Security->Data, e.Security->Data + e.Security->Length), expected)
@@ -405,7 +373,7 @@ TEST(AddingSecurity, DescriptorTravelsByteForByteAndNeedsThePrivilege) {
 
   // Without the privilege the first entry fails before anything is kept.
   talvern::SetPrivilegeHeld(SE_SECURITY_NAME, FALSE);
-  test::TempDir other;
+  TempDir other;
   Host refused;
   ASSERT_EQ(refused.FileName(other.Win("out.arc").c_str(), nullptr), 1);
   EXPECT_EQ(refused.CompressAll(dir.Win("source").c_str(), Srch{}, Attr{}), 0);
@@ -418,11 +386,11 @@ TEST(AddingSecurity, DescriptorTravelsByteForByteAndNeedsThePrivilege) {
 }
 
 TEST(AddingDecisions, TemporaryFolderTooLongForTheNameBuffer) {
-  test::TempDir dir;
+  TempDir dir;
   std::string deep = dir.Host("t");
   while (deep.size() < 300) deep += "/folder-with-a-long-name";
-  const TemporaryFolderOverride useDeep(deep);
-  test::WriteFile(dir.Host("source/f.txt"), "x");
+  const ScopedTemporaryFolder useDeep(deep);
+  WriteFile(dir.Host("source/f.txt"), "x");
 
   Host host;
   CString name = u"left over";
@@ -447,13 +415,13 @@ TEST(AddingDecisions, FailedTemporaryFileLeavesTheNameItReportedAlone) {
       return 0;
     }
   };
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/f.txt"), "x");
-  test::WriteFile(dir.Host("precious"), "the host's own file");
+  TempDir dir;
+  WriteFile(dir.Host("source/f.txt"), "x");
+  WriteFile(dir.Host("precious"), "the host's own file");
   NoTemporary host;
   host.name = dir.Win("precious");
   ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
   EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
   EXPECT_EQ(host.GetErrorCode(), ERROR_ACCESS_DENIED);
-  EXPECT_EQ(test::ReadText(dir.Host("precious")), "the host's own file");
+  EXPECT_EQ(ReadText(dir.Host("precious")), "the host's own file");
 }

@@ -57,13 +57,13 @@ void CheckAgainstTree(const CString& archive, const std::string& sourceHost, int
   for (const CArchiveEntry& e : volume.Entries) {
     SCOPED_TRACE(FullName(e));
     // Pre-order: an entry's folder was stored before it.
-    ASSERT_TRUE(folders.count(test::N(e.Path))) << "folder not seen yet";
+    ASSERT_TRUE(folders.count(N(e.Path))) << "folder not seen yet";
     if (e.FindData.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
       folders.insert(FullName(e));
       continue;
     }
     ++files;
-    const auto original = test::ReadFile(HostPathOf(sourceHost, e));
+    const auto original = ReadFile(HostPathOf(sourceHost, e));
     ASSERT_EQ(UncompressedSizeOf(e), original.size());
     ASSERT_EQ(e.Crc, Crc32(original));
     ASSERT_EQ(e.DataSize.GetValue(), e.PackedSize.GetValue());
@@ -89,7 +89,7 @@ void CheckAgainstTree(const CString& archive, const std::string& sourceHost, int
 TEST(AddingRealTree, SystemHeadersReadBackEntryByEntry) {
   const std::string tree = "/usr/include";
   if (!fs::is_directory(tree)) GTEST_SKIP() << tree << " is missing";
-  test::TempDir dir;
+  TempDir dir;
   BudgetedHost host(12u << 20);
   ASSERT_EQ(host.FileName(dir.Win("headers.arc").c_str(), nullptr), 1);
   ASSERT_EQ(host.CompressAll(talvern::HostPathToWindows(tree).c_str(), Srch{}, kNoSecurity), 1)
@@ -100,14 +100,14 @@ TEST(AddingRealTree, SystemHeadersReadBackEntryByEntry) {
 
 TEST(AddingRealTree, CorpusFilesRoundTrip) {
   if (!fs::is_directory(TALVERN_CORPUS_DIR)) GTEST_SKIP() << "no corpus at " << TALVERN_CORPUS_DIR;
-  test::TempDir dir;
+  TempDir dir;
   fs::create_directories(dir.Host("source"));
-  for (const std::string& file : test::CorpusFiles())
+  for (const std::string& file : CorpusFiles())
     fs::copy_file(file, dir.Host("source/" + fs::path(file).filename().string()),
                   fs::copy_options::overwrite_existing);
   CArchiveFile archive;
   ASSERT_EQ(archive.FileName(dir.Win("corpus.arc").c_str(), nullptr), 1);
   ASSERT_EQ(archive.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
   CheckAgainstTree(dir.Win("corpus.arc"), dir.Host("source"),
-                   static_cast<int>(test::CorpusFiles().size()));
+                   static_cast<int>(CorpusFiles().size()));
 }

@@ -12,7 +12,6 @@
 
 using namespace adding;
 using Srch = CArchiveFile::CSrchFlags;
-using V = std::vector<std::string>;
 
 namespace {
 
@@ -43,13 +42,10 @@ std::vector<std::uint8_t> GatherSplitData(const std::vector<Volume>& volumes, si
   return data;
 }
 
-std::vector<Volume> ReadNumbered(const test::TempDir& dir, const std::string& base, int count) {
+std::vector<Volume> ReadNumbered(const TempDir& dir, const std::string& base, int count) {
   std::vector<Volume> volumes;
-  for (int i = 0; i < count; ++i) {
-    char ext[16];
-    std::snprintf(ext, sizeof ext, ".%03X", i);
-    volumes.push_back(ReadVolume(dir.Win(base + ext)));
-  }
+  for (int i = 0; i < count; ++i)
+    volumes.push_back(ReadVolume(talvern::HostPathToWindows(NumberedName(dir.Host(base), i))));
   return volumes;
 }
 
@@ -63,10 +59,10 @@ CArchiveSize Limit(DWORD general, DWORD first = 0) {
 // Writes source/big.bin of size random bytes below dir and adds the source
 // folder as the archive named archive (below dir) with a 1,000,000-byte
 // limit. Returns the file's bytes.
-std::vector<std::uint8_t> AddBigFileInVolumes(Host& host, const test::TempDir& dir, size_t size,
+std::vector<std::uint8_t> AddBigFileInVolumes(Host& host, const TempDir& dir, size_t size,
                                               std::uint32_t seed, const std::string& archive) {
-  auto bytes = test::RandomBytes(size, seed);
-  test::WriteFile(dir.Host("source/big.bin"), bytes);
+  auto bytes = RandomBytes(size, seed);
+  WriteFile(dir.Host("source/big.bin"), bytes);
   const CArchiveSize limit = Limit(1000000);
   EXPECT_EQ(host.FileName(dir.Win(archive).c_str(), &limit), 1);
   EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1)
@@ -77,12 +73,12 @@ std::vector<std::uint8_t> AddBigFileInVolumes(Host& host, const test::TempDir& d
 } // namespace
 
 TEST(AddingSpanning, FileSplitOverThreeNumberedVolumes) {
-  test::TempDir dir;
+  TempDir dir;
   Host host;
   const auto noise = AddBigFileInVolumes(host, dir, 2500000, 21, "set/BACKUP.ARC");
   // Numbered volumes on a fixed disk need nobody's answer.
   EXPECT_EQ(host.CallsStartingWith("disk"), V{});
-  EXPECT_FALSE(test::Exists(dir.Host("set/BACKUP.003")));
+  EXPECT_FALSE(Exists(dir.Host("set/BACKUP.003")));
 
   const auto volumes = ReadNumbered(dir, "set/BACKUP", 3);
   for (DWORD v = 0; v < 3; ++v) {
@@ -114,13 +110,13 @@ TEST(AddingSpanning, FileSplitOverThreeNumberedVolumes) {
 // set: the full-volume handling refuses to start another volume after it,
 // which would overwrite the set's next volume.
 TEST(AddingSpanning, NoNewVolumeAfterOneThatAlreadyContinues) {
-  test::TempDir dir;
+  TempDir dir;
   {
     Host host;
     AddBigFileInVolumes(host, dir, 1500000, 22, "BACKUP.ARC");
   }
-  const auto first = test::ReadFile(dir.Host("BACKUP.000"));
-  const auto second = test::ReadFile(dir.Host("BACKUP.001"));
+  const auto first = ReadFile(dir.Host("BACKUP.000"));
+  const auto second = ReadFile(dir.Host("BACKUP.001"));
 
   // FileName takes the last extension off a name under a limit, so this
   // opens BACKUP.000 itself with the set's limit in force.
@@ -136,15 +132,15 @@ TEST(AddingSpanning, NoNewVolumeAfterOneThatAlreadyContinues) {
   EXPECT_EQ(host.GetDiskNo(), 0u);
   host.ClearError();
   EXPECT_EQ(host.Close(), 1);
-  EXPECT_EQ(test::ReadFile(dir.Host("BACKUP.000")), first);
-  EXPECT_EQ(test::ReadFile(dir.Host("BACKUP.001")), second);
+  EXPECT_EQ(ReadFile(dir.Host("BACKUP.000")), first);
+  EXPECT_EQ(ReadFile(dir.Host("BACKUP.001")), second);
   EXPECT_EQ(host.CallsStartingWith("disk"), V{});
 }
 
 TEST(AddingSpanning, FirstVolumeLimitAndLimitsThatMeanNone) {
-  test::TempDir dir;
-  const auto noise = test::RandomBytes(1000000, 5);
-  test::WriteFile(dir.Host("source/big.bin"), noise);
+  TempDir dir;
+  const auto noise = RandomBytes(1000000, 5);
+  WriteFile(dir.Host("source/big.bin"), noise);
 
   struct Case {
     CArchiveSize limit;
@@ -155,12 +151,12 @@ TEST(AddingSpanning, FirstVolumeLimitAndLimitsThatMeanNone) {
       {Limit(0xFFFFFFFFu), {0}},
   };
   for (const Case& c : cases) {
-    test::TempDir out;
+    TempDir out;
     Host host;
     ASSERT_EQ(host.FileName(out.Win("B.ARC").c_str(), &c.limit), 1);
     ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
     const auto volumes = ReadNumbered(out, "B", static_cast<int>(c.sizes.size()));
-    EXPECT_FALSE(test::Exists(out.Host("B." + std::string(c.sizes.size() == 1 ? "001" : "002"))));
+    EXPECT_FALSE(Exists(out.Host("B." + std::string(c.sizes.size() == 1 ? "001" : "002"))));
     for (size_t v = 0; v < c.sizes.size(); ++v)
       if (c.sizes[v] != 0) {
         EXPECT_EQ(volumes[v].ArchiveSize, c.sizes[v]);
@@ -170,7 +166,7 @@ TEST(AddingSpanning, FirstVolumeLimitAndLimitsThatMeanNone) {
 }
 
 TEST(AddingSpanning, DiskFoldersAdvanceAndAreCreated) {
-  test::TempDir dir;
+  TempDir dir;
   Host host;
   const auto noise = AddBigFileInVolumes(host, dir, 1500000, 8, "out/DISK1/B.ARC");
   EXPECT_EQ(FolderContents(dir.Host("out")), (V{"DISK1", "DISK2"}));
@@ -183,25 +179,25 @@ TEST(AddingSpanning, DiskFoldersAdvanceAndAreCreated) {
 // After a set is written, the object's file name is its last volume's; a
 // second set, and reading the set back, start again from the given name.
 TEST(AddingSpanning, OneObjectWritesAndReadsASetAgain) {
-  test::TempDir dir;
+  TempDir dir;
   Host host;
   const auto noise = AddBigFileInVolumes(host, dir, 1500000, 9, "out/DISK1/B.ARC");
-  EXPECT_EQ(test::N(host.FileName()), test::N(dir.Win("out/DISK2/B.001")));
+  EXPECT_EQ(N(host.FileName()), N(dir.Win("out/DISK2/B.001")));
   ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1)
       << host.GetErrorCode();
   EXPECT_EQ(FolderContents(dir.Host("out")), (V{"DISK1", "DISK2"}));
   EXPECT_EQ(FolderContents(dir.Host("out/DISK1")), V{"B.000"});
   ASSERT_EQ(host.ExpandAll(dir.Win("back").c_str(), Srch{}, kNoSecurity), 1) << host.GetErrorCode();
-  EXPECT_EQ(test::ReadFile(dir.Host("back/big.bin")), noise);
+  EXPECT_EQ(ReadFile(dir.Host("back/big.bin")), noise);
 }
 
 TEST(AddingSpanning, RecordThatDoesNotFitOpensTheNextVolume) {
-  test::TempDir dir;
+  TempDir dir;
   // Directories come first: z (record of 74 bytes at 20), then z\big.bin
   // (88 + 19800 bytes, ending at 19982), then second.bin, whose 92-byte
   // record would end beyond the limit of 20000.
-  test::WriteFile(dir.Host("source/z/big.bin"), test::RandomBytes(19800, 1));
-  test::WriteFile(dir.Host("source/second.bin"), test::RandomBytes(500, 2));
+  WriteFile(dir.Host("source/z/big.bin"), RandomBytes(19800, 1));
+  WriteFile(dir.Host("source/second.bin"), RandomBytes(500, 2));
   const CArchiveSize limit = Limit(20000);
   Host host;
   ASSERT_EQ(host.FileName(dir.Win("B.ARC").c_str(), &limit), 1);
@@ -213,15 +209,15 @@ TEST(AddingSpanning, RecordThatDoesNotFitOpensTheNextVolume) {
   EXPECT_EQ(volumes[0].Entries[1].CompressType & kContinued, 0u);
   EXPECT_EQ(Names(volumes[1].Entries), V{"second.bin"});
   EXPECT_EQ(volumes[1].Entries[0].EntryOffset.GetValue(), 20u);
-  EXPECT_EQ(volumes[1].Data(volumes[1].Entries[0]), test::ReadFile(dir.Host("source/second.bin")));
+  EXPECT_EQ(volumes[1].Data(volumes[1].Entries[0]), ReadFile(dir.Host("source/second.bin")));
 }
 
 // A limit that leaves no byte for data behind a record at the start of a
 // volume would leave none on any later volume either: the add stops with
 // ERROR_DISK_FULL instead of making volume after volume.
 TEST(AddingSpanning, LimitWithNoRoomForDataEndsWithDiskFull) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/big.bin"), test::RandomBytes(5000, 23));
+  TempDir dir;
+  WriteFile(dir.Host("source/big.bin"), RandomBytes(5000, 23));
   // The record of big.bin at offset 20 takes 72 + 2 * 7 = 86 bytes.
   const CArchiveSize limit = Limit(20 + 86);
   Host host;
@@ -232,45 +228,45 @@ TEST(AddingSpanning, LimitWithNoRoomForDataEndsWithDiskFull) {
 }
 
 TEST(AddingSpanning, ForeignFilesAreNeverOverwritten) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/big.bin"), test::RandomBytes(1500000, 4));
+  TempDir dir;
+  WriteFile(dir.Host("source/big.bin"), RandomBytes(1500000, 4));
   const std::string foreign = "somebody else's file";
   {
     // The archive's own name on a fixed disk.
-    test::WriteFile(dir.Host("plain/out.arc"), foreign);
+    WriteFile(dir.Host("plain/out.arc"), foreign);
     Host host;
     ASSERT_EQ(host.FileName(dir.Win("plain/out.arc").c_str(), nullptr), 1);
     EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
     EXPECT_EQ(host.GetErrorCode(), ERROR_FILE_EXISTS);
     EXPECT_EQ(host.CallsStartingWith("file:"), V{});
-    EXPECT_EQ(test::ReadText(dir.Host("plain/out.arc")), foreign);
+    EXPECT_EQ(ReadText(dir.Host("plain/out.arc")), foreign);
   }
   const CArchiveSize limit = Limit(1000000);
   {
     // The second volume's name, once as a foreign file and once as a
     // volume 0 of some archive.
     for (int kind = 0; kind < 2; ++kind) {
-      test::TempDir out;
+      TempDir out;
       if (kind == 0) {
-        test::WriteFile(out.Host("B.001"), foreign);
+        WriteFile(out.Host("B.001"), foreign);
       } else {
         CArchiveFile other;
         ASSERT_EQ(other.FileName(out.Win("B.001").c_str(), nullptr), 1);
         ASSERT_EQ(other.CreateOpen(1, 0), 1);
         ASSERT_EQ(other.Close(), 1);
       }
-      const auto before = test::ReadFile(out.Host("B.001"));
+      const auto before = ReadFile(out.Host("B.001"));
       Host host;
       ASSERT_EQ(host.FileName(out.Win("B.ARC").c_str(), &limit), 1);
       EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
       EXPECT_EQ(host.GetErrorCode(), ERROR_FILE_EXISTS);
-      EXPECT_EQ(test::ReadFile(out.Host("B.001")), before);
+      EXPECT_EQ(ReadFile(out.Host("B.001")), before);
       EXPECT_FALSE(host.IsOpen());
     }
   }
   {
     // This archive's own volumes from an earlier run are overwritten.
-    test::TempDir out;
+    TempDir out;
     for (int run = 0; run < 2; ++run) {
       Host host;
       ASSERT_EQ(host.FileName(out.Win("B.ARC").c_str(), &limit), 1);
@@ -282,12 +278,12 @@ TEST(AddingSpanning, ForeignFilesAreNeverOverwritten) {
 }
 
 TEST(AddingSpanning, FullFixedDiskWithoutLimitEndsWithDiskFull) {
-  test::TempDir dir;
+  TempDir dir;
   talvern::MediumSpec medium;
   medium.HostDir = dir.Host("small");
   medium.Capacity = 64 * 1024;
   ASSERT_TRUE(talvern::MountDrive(u'F', DRIVE_FIXED, 512, &medium));
-  test::WriteFile(dir.Host("source/big.bin"), test::RandomBytes(100000, 6));
+  WriteFile(dir.Host("source/big.bin"), RandomBytes(100000, 6));
   Host host;
   ASSERT_EQ(host.FileName(u"F:\\out.arc", nullptr), 1);
   EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
@@ -306,12 +302,12 @@ namespace {
 // A removable drive A: with 512-byte clusters, empty until a host inserts
 // one of the media m1, m2, ... of 40 KiB each.
 struct RemovableDrive {
-  explicit RemovableDrive(const test::TempDir& dir, int count = 3) {
+  explicit RemovableDrive(const TempDir& dir, int count = 3) {
     for (int i = 0; i < count; ++i) {
       talvern::MediumSpec m;
       m.HostDir = dir.Host("m" + std::to_string(i + 1));
       m.Serial = 0x100 + static_cast<DWORD>(i);
-      m.Label = test::W("DISK" + std::to_string(i + 1));
+      m.Label = W("DISK" + std::to_string(i + 1));
       m.Capacity = kCapacity;
       Media.push_back(m);
     }
@@ -326,7 +322,7 @@ struct RemovableDrive {
                ? 1
                : 0;
   }
-  std::string VolumeOn(const test::TempDir& dir, int medium) const {
+  std::string VolumeOn(const TempDir& dir, int medium) const {
     return dir.Host("m" + std::to_string(medium) + "/BACKUP.ARC");
   }
 
@@ -335,7 +331,7 @@ struct RemovableDrive {
 };
 
 // The volumes on media 1..count, read through the drive's own files.
-std::vector<Volume> ReadMedia(const test::TempDir& dir, int count) {
+std::vector<Volume> ReadMedia(const TempDir& dir, int count) {
   std::vector<Volume> volumes;
   for (int i = 1; i <= count; ++i)
     volumes.push_back(
@@ -346,10 +342,10 @@ std::vector<Volume> ReadMedia(const test::TempDir& dir, int count) {
 } // namespace
 
 TEST(AddingRemovable, WritingGoesOnOnTheNextInsertedMedium) {
-  test::TempDir dir;
+  TempDir dir;
   RemovableDrive drive(dir);
-  const auto noise = test::RandomBytes(100000, 11);
-  test::WriteFile(dir.Host("source/big.bin"), noise);
+  const auto noise = RandomBytes(100000, 11);
+  WriteFile(dir.Host("source/big.bin"), noise);
 
   Host host;
   host.OnDiskFull = [](int) { return CArchiveFile::DiskFullChange; };
@@ -363,8 +359,8 @@ TEST(AddingRemovable, WritingGoesOnOnTheNextInsertedMedium) {
 
   // The medium is filled to its last cluster by the cluster-step retries
   // before the volume changes.
-  EXPECT_EQ(test::ReadFile(drive.VolumeOn(dir, 1)).size(), RemovableDrive::kCapacity);
-  EXPECT_EQ(test::ReadFile(drive.VolumeOn(dir, 2)).size(), RemovableDrive::kCapacity);
+  EXPECT_EQ(ReadFile(drive.VolumeOn(dir, 1)).size(), RemovableDrive::kCapacity);
+  EXPECT_EQ(ReadFile(drive.VolumeOn(dir, 2)).size(), RemovableDrive::kCapacity);
   const auto volumes = ReadMedia(dir, 3);
   for (DWORD v = 0; v < 3; ++v) {
     EXPECT_EQ(volumes[v].Number, v);
@@ -375,12 +371,12 @@ TEST(AddingRemovable, WritingGoesOnOnTheNextInsertedMedium) {
 }
 
 TEST(AddingRemovable, ForeignFileOnTheNextMediumIsLeftAlone) {
-  test::TempDir dir;
+  TempDir dir;
   RemovableDrive drive(dir);
   const std::string foreign = "another archive's diskette";
-  test::WriteFile(drive.VolumeOn(dir, 2), foreign);
-  const auto noise = test::RandomBytes(60000, 12);
-  test::WriteFile(dir.Host("source/big.bin"), noise);
+  WriteFile(drive.VolumeOn(dir, 2), foreign);
+  const auto noise = RandomBytes(60000, 12);
+  WriteFile(dir.Host("source/big.bin"), noise);
 
   Host host;
   host.OnDiskFull = [](int) { return CArchiveFile::DiskFullChange; };
@@ -396,7 +392,7 @@ TEST(AddingRemovable, ForeignFileOnTheNextMediumIsLeftAlone) {
       << host.GetErrorCode();
   EXPECT_EQ(host.CallsStartingWith("disk"), (V{"diskfull:0", "diskchange:2,1"}));
   EXPECT_EQ(host.CallsStartingWith("invalid"), V{"invalid:2,1,1"});
-  EXPECT_EQ(test::ReadText(drive.VolumeOn(dir, 2)), foreign);
+  EXPECT_EQ(ReadText(drive.VolumeOn(dir, 2)), foreign);
   const std::vector<Volume> volumes = {
       ReadVolume(talvern::HostPathToWindows(drive.VolumeOn(dir, 1))),
       ReadVolume(talvern::HostPathToWindows(drive.VolumeOn(dir, 3)))};
@@ -404,11 +400,11 @@ TEST(AddingRemovable, ForeignFileOnTheNextMediumIsLeftAlone) {
 }
 
 TEST(AddingRemovable, UnformattedMediumIsFormattedByTheHost) {
-  test::TempDir dir;
+  TempDir dir;
   RemovableDrive drive(dir);
   drive.Media[1].Formatted = false;
-  const auto noise = test::RandomBytes(60000, 13);
-  test::WriteFile(dir.Host("source/big.bin"), noise);
+  const auto noise = RandomBytes(60000, 13);
+  WriteFile(dir.Host("source/big.bin"), noise);
 
   Host host;
   host.OnDiskFull = [](int) { return CArchiveFile::DiskFullChange; };
@@ -429,12 +425,12 @@ TEST(AddingRemovable, UnformattedMediumIsFormattedByTheHost) {
 }
 
 TEST(AddingRemovable, LibraryDefaultsEndTheMediumDialogueWithCancelled) {
-  test::TempDir dir;
-  const auto noise = test::RandomBytes(60000, 14);
-  test::WriteFile(dir.Host("source/big.bin"), noise);
+  TempDir dir;
+  const auto noise = RandomBytes(60000, 14);
+  WriteFile(dir.Host("source/big.bin"), noise);
   {
     // Even the first volume needs a medium that nobody inserts.
-    test::TempDir media;
+    TempDir media;
     RemovableDrive drive(media);
     ASSERT_EQ(drive.Insert(1), 1);
     Host host;
@@ -446,7 +442,7 @@ TEST(AddingRemovable, LibraryDefaultsEndTheMediumDialogueWithCancelled) {
   }
   {
     // The first volume unasked; when it is full nobody changes the medium.
-    test::TempDir media;
+    TempDir media;
     RemovableDrive drive(media);
     ASSERT_EQ(drive.Insert(1), 1);
     Host host;
@@ -460,7 +456,7 @@ TEST(AddingRemovable, LibraryDefaultsEndTheMediumDialogueWithCancelled) {
   {
     // A host that answers DiskFullNotify itself gets every round it asks
     // for, and its own stop ends the handling without a code.
-    test::TempDir media;
+    TempDir media;
     RemovableDrive drive(media);
     ASSERT_EQ(drive.Insert(1), 1);
     Host host;

@@ -16,14 +16,14 @@ using Attr = CArchiveFile::CAttrFlags;
 namespace {
 
 // source/a/b/c.txt, source/a/d.txt, source/top.txt
-void MakeTree(const test::TempDir& dir) {
-  test::WriteFile(dir.Host("source/a/b/c.txt"), "see");
-  test::WriteFile(dir.Host("source/a/d.txt"), "dee");
-  test::WriteFile(dir.Host("source/top.txt"), "top");
+void MakeTree(const TempDir& dir) {
+  WriteFile(dir.Host("source/a/b/c.txt"), "see");
+  WriteFile(dir.Host("source/a/d.txt"), "dee");
+  WriteFile(dir.Host("source/top.txt"), "top");
 }
 
 // Adds the tree below source with the given flags; the archive's entries.
-std::vector<CArchiveEntry> AddTree(const test::TempDir& dir, Srch srch, Attr attr,
+std::vector<CArchiveEntry> AddTree(const TempDir& dir, Srch srch, Attr attr,
                                    DWORD expectedResult = 1) {
   Host host;
   EXPECT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
@@ -35,22 +35,20 @@ std::vector<CArchiveEntry> AddTree(const test::TempDir& dir, Srch srch, Attr att
   return ReadVolume(dir.Win("out.arc")).Entries;
 }
 
-void SetAttributes(const test::TempDir& dir, const std::string& relative, DWORD attributes) {
+void SetAttributes(const TempDir& dir, const std::string& relative, DWORD attributes) {
   ASSERT_TRUE(SetFileAttributesW(dir.Win(relative).c_str(), attributes)) << relative;
 }
 
 } // namespace
 
 TEST(AddingTree, DirectoriesPrecedeTheirContentsWithRelativeFolders) {
-  test::TempDir dir;
+  TempDir dir;
   MakeTree(dir);
   const auto entries = AddTree(dir, Srch{}, kNoSecurity);
-  ASSERT_EQ(Names(entries),
-            (std::vector<std::string>{"a", "a\\b", "a\\b\\c.txt", "a\\d.txt", "top.txt"}));
+  ASSERT_EQ(Names(entries), (V{"a", "a\\b", "a\\b\\c.txt", "a\\d.txt", "top.txt"}));
   for (const auto& e : entries) {
     const bool isDir = (e.FindData.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    const std::uint64_t headerSize =
-        72 + 2 * e.Path.size() + 2 * test::N(e.FindData.cFileName).size();
+    const std::uint64_t headerSize = 72 + 2 * e.Path.size() + 2 * N(e.FindData.cFileName).size();
     EXPECT_EQ(e.DataOffset.GetValue() - e.EntryOffset.GetValue(), headerSize) << FullName(e);
     EXPECT_EQ(e.CompressType & 0x80000000u, 0u);
     if (isDir) {
@@ -68,11 +66,11 @@ TEST(AddingTree, DirectoriesPrecedeTheirContentsWithRelativeFolders) {
 }
 
 TEST(AddingTree, KeepFolderOffFlattensAndEitherPartnerBitAloneTurnsItOff) {
-  test::TempDir dir;
+  TempDir dir;
   MakeTree(dir);
   for (Attr attr : {Attr(CArchiveFile::AttrNoPath), Attr(CArchiveFile::AttrTogglePath)}) {
     const auto entries = AddTree(dir, Srch{}, attr | kNoSecurity);
-    ASSERT_EQ(Names(entries), (std::vector<std::string>{"a", "b", "c.txt", "d.txt", "top.txt"}));
+    ASSERT_EQ(Names(entries), (V{"a", "b", "c.txt", "d.txt", "top.txt"}));
   }
   const auto both =
       AddTree(dir, Srch{}, CArchiveFile::AttrNoPath | CArchiveFile::AttrTogglePath | kNoSecurity);
@@ -80,24 +78,21 @@ TEST(AddingTree, KeepFolderOffFlattensAndEitherPartnerBitAloneTurnsItOff) {
 }
 
 TEST(AddingTree, WalkFlagsChooseThePasses) {
-  test::TempDir dir;
+  TempDir dir;
   MakeTree(dir);
-  EXPECT_EQ(Names(AddTree(dir, CArchiveFile::SrchNoRecurse, kNoSecurity)),
-            (std::vector<std::string>{"a", "top.txt"}));
-  EXPECT_EQ(Names(AddTree(dir, CArchiveFile::SrchExcludeDir, kNoSecurity)),
-            (std::vector<std::string>{"top.txt"}));
-  EXPECT_EQ(Names(AddTree(dir, CArchiveFile::SrchDirOnly, kNoSecurity)),
-            (std::vector<std::string>{"a", "a\\b"}));
+  EXPECT_EQ(Names(AddTree(dir, CArchiveFile::SrchNoRecurse, kNoSecurity)), (V{"a", "top.txt"}));
+  EXPECT_EQ(Names(AddTree(dir, CArchiveFile::SrchExcludeDir, kNoSecurity)), (V{"top.txt"}));
+  EXPECT_EQ(Names(AddTree(dir, CArchiveFile::SrchDirOnly, kNoSecurity)), (V{"a", "a\\b"}));
 }
 
 TEST(AddingTree, AttributeSelectionRequiresAndExcludes) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/ro.txt"), "1");
-  test::WriteFile(dir.Host("source/hid.txt"), "2");
-  test::WriteFile(dir.Host("source/sys.txt"), "3");
-  test::WriteFile(dir.Host("source/plain.txt"), "4");
-  test::WriteFile(dir.Host("source/rodir/inner.txt"), "5");
-  test::WriteFile(dir.Host("source/sysdir/inner.txt"), "6");
+  TempDir dir;
+  WriteFile(dir.Host("source/ro.txt"), "1");
+  WriteFile(dir.Host("source/hid.txt"), "2");
+  WriteFile(dir.Host("source/sys.txt"), "3");
+  WriteFile(dir.Host("source/plain.txt"), "4");
+  WriteFile(dir.Host("source/rodir/inner.txt"), "5");
+  WriteFile(dir.Host("source/sysdir/inner.txt"), "6");
   SetAttributes(dir, "source/ro.txt", FILE_ATTRIBUTE_READONLY);
   SetAttributes(dir, "source/hid.txt", FILE_ATTRIBUTE_HIDDEN);
   SetAttributes(dir, "source/sys.txt", FILE_ATTRIBUTE_SYSTEM);
@@ -114,7 +109,6 @@ TEST(AddingTree, AttributeSelectionRequiresAndExcludes) {
     std::sort(names.begin(), names.end());
     return names;
   };
-  using V = std::vector<std::string>;
   // Requirements apply to files only: directories are still walked.
   EXPECT_EQ(files(CArchiveFile::SrchReadOnly), V{"ro.txt"});
   EXPECT_EQ(files(CArchiveFile::SrchHidden), V{"hid.txt"});
@@ -132,8 +126,8 @@ TEST(AddingTree, AttributeSelectionRequiresAndExcludes) {
 }
 
 TEST(AddingTree, AttributeFlagsClearThenInvertAndNormalIsNeverStored) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/f.txt"), "x");
+  TempDir dir;
+  WriteFile(dir.Host("source/f.txt"), "x");
   SetAttributes(dir, "source/f.txt", FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_ARCHIVE);
 
   struct Case {
@@ -167,8 +161,8 @@ TEST(AddingTree, AttributeFlagsClearThenInvertAndNormalIsNeverStored) {
 }
 
 TEST(AddingTree, TimesAreKeptOrSettledFromDefaultsAndTheClock) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/f.txt"), "x");
+  TempDir dir;
+  WriteFile(dir.Host("source/f.txt"), "x");
   const FILETIME creation = MakeFileTime(0x01D0000000000001ull);
   const FILETIME access = MakeFileTime(0x01D0000000000002ull);
   const FILETIME write = MakeFileTime(0x01D0000000000003ull);
@@ -233,8 +227,8 @@ TEST(AddingTree, TimesAreKeptOrSettledFromDefaultsAndTheClock) {
 }
 
 TEST(AddingTree, OneSmallFileGivesTheExactVolumeBytes) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/a.txt"), "hi");
+  TempDir dir;
+  WriteFile(dir.Host("source/a.txt"), "hi");
   SetAttributes(dir, "source/a.txt", FILE_ATTRIBUTE_ARCHIVE);
   Host host;
   const FILETIME t = MakeFileTime(0x01DA1B2C3D4E5F60ull);
@@ -245,24 +239,16 @@ TEST(AddingTree, OneSmallFileGivesTheExactVolumeBytes) {
   ASSERT_EQ(
       host.CompressAll(dir.Win("source").c_str(), Srch{}, CArchiveFile::AttrNoTimes | kNoSecurity),
       1);
-  const std::vector<std::uint8_t> expected = {
-      0x41, 0x72, 0x63, 0x68, 0x46, 0x69, 0x6C, 0x65, 0x1A, 0x00, 0x00, 0x00, 0x68, 0x00, 0x00,
-      0x00, 0x00, 0x00, 0x00, 0x00, 0x52, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x53, 0x38,
-      0x4A, 0x99, 0x20, 0x00, 0x00, 0x00, 0x60, 0x5F, 0x4E, 0x3D, 0x2C, 0x1B, 0xDA, 0x01, 0x60,
-      0x5F, 0x4E, 0x3D, 0x2C, 0x1B, 0xDA, 0x01, 0x60, 0x5F, 0x4E, 0x3D, 0x2C, 0x1B, 0xDA, 0x01,
-      0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-      0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x05, 0x00, 0x61, 0x00,
-      0x2E, 0x00, 0x74, 0x00, 0x78, 0x00, 0x74, 0x00, 0x00, 0x00, 0x00, 0x00, 0x68, 0x69};
-  EXPECT_EQ(test::ReadFile(dir.Host("out.arc")), expected);
+  EXPECT_EQ(ReadFile(dir.Host("out.arc")), kWorkedExample);
 }
 
 TEST(AddingTree, EmptyAndIncompressibleFilesAreStoredAsTheyAre) {
-  test::TempDir dir;
-  const auto noise = test::RandomBytes(100000, 7);
+  TempDir dir;
+  const auto noise = RandomBytes(100000, 7);
   const std::string text(200000, 'a');
-  test::WriteFile(dir.Host("source/empty"), std::string());
-  test::WriteFile(dir.Host("source/noise"), noise);
-  test::WriteFile(dir.Host("source/text"), text);
+  WriteFile(dir.Host("source/empty"), std::string());
+  WriteFile(dir.Host("source/noise"), noise);
+  WriteFile(dir.Host("source/text"), text);
 
   Host host;
   ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
@@ -270,7 +256,7 @@ TEST(AddingTree, EmptyAndIncompressibleFilesAreStoredAsTheyAre) {
   // DoCompress's own progress for the empty file: before and after, nothing
   // written.
   const auto progress = host.CallsStartingWith("progress:0/");
-  EXPECT_EQ(progress, (std::vector<std::string>{"progress:0/0", "progress:0/0"}));
+  EXPECT_EQ(progress, (V{"progress:0/0", "progress:0/0"}));
 
   const Volume volume = ReadVolume(dir.Win("out.arc"));
   std::map<std::string, CArchiveEntry> byName;
@@ -301,8 +287,8 @@ TEST(AddingTree, EmptyAndIncompressibleFilesAreStoredAsTheyAre) {
 }
 
 TEST(AddingTree, FolderReachedThroughALinkIsStoredButNotEntered) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("source/real/inside.txt"), "in");
+  TempDir dir;
+  WriteFile(dir.Host("source/real/inside.txt"), "in");
   fs::create_directory_symlink(dir.Host("source/real"), dir.Host("source/link"));
   // A link back up the tree would make an endless walk if it were entered.
   fs::create_directory_symlink(dir.Host("source"), dir.Host("source/real/up"));
@@ -310,7 +296,7 @@ TEST(AddingTree, FolderReachedThroughALinkIsStoredButNotEntered) {
   const auto entries = AddTree(dir, Srch{}, kNoSecurity);
   std::vector<std::string> names = Names(entries);
   std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<std::string>{"link", "real", "real\\inside.txt", "real\\up"}));
+  EXPECT_EQ(names, (V{"link", "real", "real\\inside.txt", "real\\up"}));
   for (const auto& e : entries) {
     if (FullName(e) != "link" && FullName(e) != "real\\up") continue;
     EXPECT_EQ(e.FindData.dwFileAttributes &

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "archive/archive_data.h"
-#include "support/test_support.h"
+#include "support/archive_support.h"
 
 #include <gtest/gtest.h>
 
@@ -25,48 +25,6 @@ public:
 
   CArchiveFileData& Data() { return CArchiveFileAccess::Data(*this); }
   HANDLE Handle() { return Data().Handle; }
-};
-
-// Little-endian byte builder for hand-made volumes.
-class Bytes {
-public:
-  Bytes& U8(std::uint8_t v) {
-    data_.push_back(v);
-    return *this;
-  }
-  Bytes& U16(std::uint16_t v) { return Le(v, 2); }
-  Bytes& U32(std::uint32_t v) { return Le(v, 4); }
-  Bytes& U64(std::uint64_t v) { return Le(v, 8); }
-  Bytes& Ascii(const std::string& s) {
-    data_.insert(data_.end(), s.begin(), s.end());
-    return *this;
-  }
-  Bytes& Str(const CString& s) {
-    U16(static_cast<std::uint16_t>(s.size()));
-    for (WCHAR c : s) U16(c);
-    return *this;
-  }
-  Bytes& Raw(const std::vector<std::uint8_t>& v) {
-    data_.insert(data_.end(), v.begin(), v.end());
-    return *this;
-  }
-  Bytes& Zeros(size_t n) {
-    data_.insert(data_.end(), n, 0);
-    return *this;
-  }
-  // A volume header with the given volume word and archive size.
-  Bytes& Header(std::uint64_t archiveSize, std::uint16_t volumeWord = 0, std::uint8_t version = 0) {
-    return Ascii("ArchFile").U8(0x1A).U8(version).U16(volumeWord).U64(archiveSize);
-  }
-  const std::vector<std::uint8_t>& Get() const { return data_; }
-  size_t Size() const { return data_.size(); }
-
-private:
-  Bytes& Le(std::uint64_t v, int n) {
-    for (int i = 0; i < n; ++i) data_.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-    return *this;
-  }
-  std::vector<std::uint8_t> data_;
 };
 
 // The fixed part of a record, as another writer might produce it.
@@ -129,15 +87,9 @@ inline std::vector<std::string> ListEntries(CArchiveFile& archive) {
   std::vector<std::string> names;
   CArchiveEntry e;
   CArchiveFindFile* find = archive.FindFirst(e);
-  while (find != nullptr) {
-    std::string name = N(e.Path);
-    if (!name.empty()) name += "\\";
-    names.push_back(name + N(e.FindData.cFileName));
-    if (!archive.FindNext(find, e)) {
-      archive.FindClose(find);
-      find = nullptr;
-    }
-  }
+  for (bool more = find != nullptr; more; more = archive.FindNext(find, e) != 0)
+    names.push_back(FullName(e));
+  if (find != nullptr) archive.FindClose(find);
   return names;
 }
 

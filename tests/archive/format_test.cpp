@@ -7,12 +7,6 @@ using namespace test;
 
 namespace {
 
-constexpr std::uint64_t kTime = 0x01DA1B2C3D4E5F60ull;
-
-FILETIME Ft(std::uint64_t v) {
-  return FILETIME{static_cast<DWORD>(v), static_cast<DWORD>(v >> 32)};
-}
-
 class FormatTest : public ::testing::Test {
 protected:
   TempDir dir;
@@ -54,22 +48,15 @@ TEST_F(FormatTest, WorkedExampleByteForByte) {
   Create();
   CArchiveEntry e = FileEntry(u"a.txt", CString(), 2);
   e.Crc = 0x994A3853u;
-  e.FindData.ftCreationTime = e.FindData.ftLastAccessTime = e.FindData.ftLastWriteTime = Ft(kTime);
+  e.FindData.ftCreationTime = e.FindData.ftLastAccessTime = e.FindData.ftLastWriteTime =
+      MakeFileTime(kTime);
   ASSERT_TRUE(AppendEntry(archive, e, AsBytes("hi")));
   EXPECT_EQ(e.EntryOffset.GetValue(), 20u);
   EXPECT_EQ(e.DataOffset.GetValue(), 102u);
   EXPECT_EQ(archive.GetArchiveSize().GetValue(), 104u);
   ASSERT_TRUE(archive.Close());
 
-  const std::vector<std::uint8_t> expected = {
-      0x41, 0x72, 0x63, 0x68, 0x46, 0x69, 0x6C, 0x65, 0x1A, 0x00, 0x00, 0x00, 0x68, 0x00, 0x00,
-      0x00, 0x00, 0x00, 0x00, 0x00, 0x52, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x53, 0x38,
-      0x4A, 0x99, 0x20, 0x00, 0x00, 0x00, 0x60, 0x5F, 0x4E, 0x3D, 0x2C, 0x1B, 0xDA, 0x01, 0x60,
-      0x5F, 0x4E, 0x3D, 0x2C, 0x1B, 0xDA, 0x01, 0x60, 0x5F, 0x4E, 0x3D, 0x2C, 0x1B, 0xDA, 0x01,
-      0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-      0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x05, 0x00, 0x61, 0x00,
-      0x2E, 0x00, 0x74, 0x00, 0x78, 0x00, 0x74, 0x00, 0x00, 0x00, 0x00, 0x00, 0x68, 0x69};
-  EXPECT_EQ(ReadFile(host), expected);
+  EXPECT_EQ(ReadFile(host), kWorkedExample);
 
   // And it reads back into the same entry.
   ASSERT_TRUE(archive.ReadOpen());
@@ -103,9 +90,9 @@ TEST_F(FormatTest, FieldsSurrogatePairsAndSecurityRoundTrip) {
   e.CompressType = 0x80000001u;
   e.Crc = 0xCAFEBABEu;
   e.PackedSize = 0x123456789ull;
-  e.FindData.ftCreationTime = Ft(1);
-  e.FindData.ftLastAccessTime = Ft(2);
-  e.FindData.ftLastWriteTime = Ft(0xFFFFFFFFFFFFFFFEull);
+  e.FindData.ftCreationTime = MakeFileTime(1);
+  e.FindData.ftLastAccessTime = MakeFileTime(2);
+  e.FindData.ftLastWriteTime = MakeFileTime(0xFFFFFFFFFFFFFFFEull);
   const std::vector<std::uint8_t> sd = RandomBytes(120, 7);
   e.Security->Data = new BYTE[sd.size()];
   std::copy(sd.begin(), sd.end(), e.Security->Data);

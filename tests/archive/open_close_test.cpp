@@ -102,8 +102,10 @@ TEST_F(OpenCloseTest, AnyVolumeNumberAndTheContinueBitAreAccepted) {
   EXPECT_TRUE(a.IsContinue());
   EXPECT_FALSE(a.IsReadable());
   ASSERT_TRUE(a.Close());
-  EXPECT_EQ(a.GetDiskNo(), 0u); // closed: whatever the last volume was
-  EXPECT_FALSE(a.IsContinue());
+  // Closed: nothing of the last volume is reported any more.
+  EXPECT_EQ(a.GetDiskNo(), 0u);
+  EXPECT_FALSE(a.IsContinue() || a.IsWritable());
+  EXPECT_EQ(a.GetArchiveSize().GetValue(), 0u);
 }
 
 TEST_F(OpenCloseTest, WriteOpenWithCreateKeepsAnExistingArchive) {

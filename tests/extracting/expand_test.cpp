@@ -19,12 +19,11 @@ TEST_F(ExtractTest, ExpandOfAFileEntryCreatesItsFolderAndKeepsTheArchiveOpen) {
   // all the same.
   ASSERT_EQ(1, archive.Expand(OutWin().c_str(), entry, {}, CArchiveFile::AttrNoPath))
       << archive.GetErrorCode();
-  EXPECT_EQ((std::vector<std::string>{"a", "a/b", "c.txt"}), ListTree(Out()));
-  EXPECT_EQ("c contents", test::ReadText(Out("c.txt")));
+  EXPECT_EQ((V{"a", "a/b", "c.txt"}), ListTree(Out()));
+  EXPECT_EQ("c contents", ReadText(Out("c.txt")));
   EXPECT_TRUE(archive.IsOpen());
   EXPECT_FALSE(archive.IsMediaChanged());
-  EXPECT_EQ((std::vector<std::string>{"ExpandStart", "ExpandFile c.txt", "ExpandComplete 1"}),
-            archive.Calls);
+  EXPECT_EQ((V{"ExpandStart", "ExpandFile c.txt", "ExpandComplete 1"}), archive.Calls);
 }
 
 TEST_F(ExtractTest, ExpandOfAFolderEntryExtractsItsSubtreeOnly) {
@@ -33,8 +32,8 @@ TEST_F(ExtractTest, ExpandOfAFolderEntryExtractsItsSubtreeOnly) {
   CArchiveEntry entry;
   ASSERT_TRUE(FindEntry("a", entry));
   ASSERT_EQ(1, archive.Expand(OutWin().c_str(), entry, {}, {})) << archive.GetErrorCode();
-  EXPECT_EQ((std::vector<std::string>{"a", "a/b", "a/b/c.txt", "a/d.txt"}), ListTree(Out()));
-  EXPECT_EQ("d contents", test::ReadText(Out("a/d.txt")));
+  EXPECT_EQ((V{"a", "a/b", "a/b/c.txt", "a/d.txt"}), ListTree(Out()));
+  EXPECT_EQ("d contents", ReadText(Out("a/d.txt")));
 }
 
 TEST_F(ExtractTest, ExpandRefusesFreshEntriesAndArchivesNotOpenForReading) {

@@ -1,12 +1,60 @@
-// The common set-up of the extracting tests: a temporary folder holding the
-// archive, the target directory and the system's temporary folder.
+// The common set-up of the extracting tests: a host that records the hooks
+// it receives, and a temporary folder holding the archive, the target
+// directory and the system's temporary folder.
 #pragma once
 
-#include "archive_writer.h"
+#include "support/archive_support.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 namespace xt {
+
+using namespace test;
+
+// An archive object that records the hooks it receives and answers them as
+// configured.
+class Recorder : public CArchiveFile {
+public:
+  std::vector<std::string> Calls; // hook names in order, with short details
+  int DiskChangeCalls = 0;
+  int ExpandNotifyCalls = 0;
+  int CancelAtExpandNotify = 0; // answer 0 to this ExpandNotify call (1-based), 0: never
+  int ExpandFileAnswer = 1;
+  int DiskChangeAnswer = 0;
+  int InvalidDiskAnswer = 0;
+  std::vector<DWORD> OverwriteAnswers; // answers in turn; the last one repeats; empty: replace
+  std::vector<CArchiveSize> Progress;  // second size of every ExpandNotify
+  // When set, answers DiskChangeNotify (invalid false) and
+  // InvalidDiskNotify (invalid true) instead of the fixed answers.
+  std::function<int(DWORD diskNo, bool invalid)> OnMedia;
+  std::function<void()> OnOverwrite;
+
+  using CArchiveFile::DoCreate;
+  // Counts and records the call, then does the library's work.
+  int DoDiskChange(const WCHAR* root, CArchiveEntry& entry, const WCHAR* otherPath, int first,
+                   int noFirstPrompt) override;
+
+protected:
+  int DiskChangeNotify(const WCHAR* root, DWORD diskNo, int forWriting) override;
+  int InvalidDiskNotify(const WCHAR* root, DWORD diskNo, int forWriting, int foreign) override;
+  COverwriteOperation OverwriteNotify(const WCHAR* targetDir, const WCHAR* entryPath,
+                                      const WIN32_FIND_DATAW& existing, const WCHAR* root,
+                                      const CArchiveEntry& entry) override;
+  int ExpandFileNotify(const WCHAR* targetDir, const WCHAR* root, const WCHAR* entryPath,
+                       const CArchiveEntry& entry) override;
+  int ExpandNotify(const WCHAR* targetDir, const WCHAR* root, const WCHAR* entryPath,
+                   const CArchiveEntry& entry, const CArchiveSize& first,
+                   const CArchiveSize& second) override;
+  int ExpandStartNotify() override;
+  void ExpandCompleteNotify(int result) override;
+
+private:
+  size_t overwriteIndex_ = 0;
+};
+
+using V = std::vector<std::string>;
 
 class ExtractTest : public ::testing::Test {
 protected:
@@ -14,8 +62,7 @@ protected:
 
   // Writes a one-volume archive at ArchiveHost() and names it.
   void WriteArchive(const std::vector<Item>& items) {
-    const auto volumes = BuildVolumes(items);
-    test::WriteFile(ArchiveHost(), volumes.at(0));
+    WriteFile(ArchiveHost(), BuildVolumes(items).at(0));
     ASSERT_TRUE(archive.FileName(Win(ArchiveHost()).c_str(), nullptr));
   }
 
@@ -41,43 +88,27 @@ protected:
     return archive.ExpandAll(OutWin().c_str(), srch, attr);
   }
 
-  // Finds the entry named name (folder path + name, "\\"-separated) in the
-  // open volume.
+  // Finds the entry named fullName (folder path + name, "\\"-separated) in
+  // the open volume.
   bool FindEntry(const std::string& fullName, CArchiveEntry& entry) {
     CArchiveFindFile* find = archive.FindFirst(entry);
     bool found = false;
-    while (find != nullptr) {
-      CString full = entry.Path.empty() ? CString() : entry.Path + u'\\';
-      full += entry.FindData.cFileName;
-      if (full == test::W(fullName)) {
-        found = true;
-        break;
-      }
+    while (find != nullptr && !(found = FullName(entry) == fullName))
       if (!archive.FindNext(find, entry)) break;
-    }
     if (find != nullptr) archive.FindClose(find);
     return found;
   }
 
-  test::TempDir tmp;
+  TempDir tmp;
   Recorder archive;
   std::vector<std::vector<std::uint8_t>> volumes;
 
 private:
-  ScopedTempFolder temporaries_;
+  ScopedTemporaryFolder temporaries_;
 };
 
 inline DWORD Attributes(const std::string& host) {
   return GetFileAttributesW(talvern::HostPathToWindows(host).c_str());
-}
-
-inline std::uint64_t LastWrite(const std::string& host) {
-  WIN32_FIND_DATAW data{};
-  const HANDLE h = FindFirstFileW(talvern::HostPathToWindows(host).c_str(), &data);
-  if (h == INVALID_HANDLE_VALUE) return 0;
-  ::FindClose(h);
-  return (static_cast<std::uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32) |
-         data.ftLastWriteTime.dwLowDateTime;
 }
 
 } // namespace xt

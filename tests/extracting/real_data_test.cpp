@@ -11,29 +11,20 @@ namespace {
 // Creating a file costs milliseconds on a busy disk file system, and these
 // tests create thousands: their folders go to the memory file system when
 // the machine has one.
-class MemoryFolders {
-protected:
-  MemoryFolders() {
-    if (const char* p = std::getenv("TMPDIR")) previous_ = p;
+struct MemoryFolders {
+  static std::string Folder() {
     std::error_code ec;
-    if (std::filesystem::is_directory("/dev/shm", ec)) setenv("TMPDIR", "/dev/shm", 1);
+    const char* tmpdir = std::getenv("TMPDIR");
+    return std::filesystem::is_directory("/dev/shm", ec) ? "/dev/shm" : tmpdir ? tmpdir : "/tmp";
   }
-  ~MemoryFolders() {
-    if (previous_.empty())
-      unsetenv("TMPDIR");
-    else
-      setenv("TMPDIR", previous_.c_str(), 1);
-  }
-
-private:
-  std::string previous_;
+  ScopedTemporaryFolder memory{Folder()};
 };
 
 class RealDataTest : private MemoryFolders, public ExtractTest {};
 
 std::vector<std::vector<std::uint8_t>> CorpusContents() {
   std::vector<std::vector<std::uint8_t>> all;
-  for (const auto& f : RealFiles()) all.push_back(test::ReadFile(f));
+  for (const auto& f : CorpusFiles()) all.push_back(ReadFile(f));
   return all;
 }
 
@@ -77,11 +68,11 @@ void ExpectExtracted(const std::vector<Item>& items, const std::string& outHost)
   for (const Item& item : items) {
     if (item.IsDirectory()) continue;
     ++files;
-    std::string rel = test::N(item.Path);
+    std::string rel = N(item.Path);
     std::replace(rel.begin(), rel.end(), '\\', '/');
-    const std::string host = outHost + "/" + (rel.empty() ? "" : rel + "/") + test::N(item.Name);
-    ASSERT_EQ(item.Contents, test::ReadFile(host)) << host;
-    ASSERT_EQ(item.LastWrite, LastWrite(host)) << host;
+    const std::string host = outHost + "/" + (rel.empty() ? "" : rel + "/") + N(item.Name);
+    ASSERT_EQ(item.Contents, ReadFile(host)) << host;
+    ASSERT_EQ(item.LastWrite, test::LastWrite(host)) << host;
   }
   EXPECT_GT(files, 0u);
 }

@@ -9,18 +9,16 @@ namespace fs = std::filesystem;
 namespace xt {
 namespace {
 
-FILETIME Now() {
+std::uint64_t Now() {
   SYSTEMTIME s{};
   GetSystemTime(&s);
   FILETIME f{};
   SystemTimeToFileTime(&s, &f);
-  return f;
+  return FileTimeValue(f);
 }
 
-FILETIME Plus(const FILETIME& t, std::int64_t seconds) {
-  const std::uint64_t v = ((static_cast<std::uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime) +
-                          static_cast<std::uint64_t>(seconds * 10000000);
-  return FILETIME{static_cast<DWORD>(v), static_cast<DWORD>(v >> 32)};
+FILETIME Plus(std::uint64_t t, std::int64_t seconds) {
+  return MakeFileTime(t + static_cast<std::uint64_t>(seconds * 10000000));
 }
 
 // Gives every item below root its own three times, deepest items first so
@@ -34,7 +32,7 @@ void StampTimes(const std::string& root) {
   std::sort(items.begin(), items.end(), [](const fs::path& a, const fs::path& b) {
     return a.string().size() > b.string().size();
   });
-  const FILETIME now = Now();
+  const std::uint64_t now = Now();
   std::int64_t i = 0;
   for (const auto& p : items) {
     ++i;
@@ -52,32 +50,21 @@ void StampTimes(const std::string& root) {
   }
 }
 
-std::vector<std::uint8_t> Descriptor(const std::string& host) {
-  const CString win = talvern::HostPathToWindows(host);
-  const DWORD what =
-      OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
-  DWORD needed = 0;
-  GetFileSecurityW(win.c_str(), what, nullptr, 0, &needed);
-  std::vector<std::uint8_t> bytes(needed);
-  if (!GetFileSecurityW(win.c_str(), what, bytes.data(), needed, &needed)) bytes.clear();
-  return bytes;
-}
-
 void SetAttributes(const std::string& host, DWORD attributes) {
   ASSERT_TRUE(SetFileAttributesW(talvern::HostPathToWindows(host).c_str(), attributes)) << host;
 }
 
 TEST_F(ExtractTest, TreeMadeByCompressAllExtractsToAnIdenticalTree) {
   const std::string src = tmp.Host("source");
-  test::WriteFile(src + "/a/b/c.txt", "deep text");
-  test::WriteFile(src + "/a/d.bin", test::RandomBytes(100000, 21));
-  test::WriteFile(src + "/a/repeat.txt", std::string(50000, 'r'));
-  test::WriteFile(src + "/empty.txt", "");
-  test::WriteFile(src + "/.dotted", "hidden by its name");
-  test::WriteFile(src + "/hidden.txt", "hidden by its attribute");
-  test::WriteFile(src + "/ro/inside.txt", "in a read-only folder");
+  WriteFile(src + "/a/b/c.txt", "deep text");
+  WriteFile(src + "/a/d.bin", RandomBytes(100000, 21));
+  WriteFile(src + "/a/repeat.txt", std::string(50000, 'r'));
+  WriteFile(src + "/empty.txt", "");
+  WriteFile(src + "/.dotted", "hidden by its name");
+  WriteFile(src + "/hidden.txt", "hidden by its attribute");
+  WriteFile(src + "/ro/inside.txt", "in a read-only folder");
   fs::create_directories(src + "/a/empty-dir");
-  test::WriteFile(src + "/corpus.txt", test::ReadFile(RealFiles().at(0)));
+  WriteFile(src + "/corpus.txt", ReadFile(CorpusFiles().at(0)));
   StampTimes(src);
   SetAttributes(src + "/a/b/c.txt", FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_ARCHIVE);
   SetAttributes(src + "/hidden.txt", FILE_ATTRIBUTE_HIDDEN);
@@ -90,14 +77,14 @@ TEST_F(ExtractTest, TreeMadeByCompressAllExtractsToAnIdenticalTree) {
   EXPECT_TRUE(Temporaries().empty());
   // The descriptors came along too, read-only items included.
   for (const char* item : {"a/b/c.txt", "ro", "ro/inside.txt", "a/d.bin"})
-    EXPECT_EQ(Descriptor(src + "/" + item), Descriptor(Out(item))) << item;
+    EXPECT_EQ(DescriptorOf(Win(src + "/" + item)), DescriptorOf(Win(Out(item)))) << item;
 }
 
 TEST_F(ExtractTest, LongNumberedSetMadeWithASmallLimitExtractsIdentical) {
   const std::string src = tmp.Host("source");
-  for (const auto& f : RealFiles())
-    test::WriteFile(src + "/corpus/" + fs::path(f).filename().string(), test::ReadFile(f));
-  test::WriteFile(src + "/after.txt", "after the corpus");
+  for (const auto& f : CorpusFiles())
+    WriteFile(src + "/corpus/" + fs::path(f).filename().string(), ReadFile(f));
+  WriteFile(src + "/after.txt", "after the corpus");
   StampTimes(src);
 
   const CArchiveSize limit(100000u);
@@ -105,7 +92,7 @@ TEST_F(ExtractTest, LongNumberedSetMadeWithASmallLimitExtractsIdentical) {
   ASSERT_EQ(1, archive.CompressAll(Win(src).c_str(), {}, CArchiveFile::AttrNoSecurity))
       << archive.GetErrorCode();
   size_t count = 0;
-  while (test::Exists(NumberedName(tmp.Host("set"), static_cast<unsigned>(count)))) ++count;
+  while (Exists(NumberedName(tmp.Host("set"), static_cast<unsigned>(count)))) ++count;
   ASSERT_GE(count, 10u);
 
   // The object now names the last volume written: name the set again.

@@ -9,7 +9,7 @@ namespace {
 
 // Everything in the test's folder except the archive, the target and the
 // temporary folder: must stay empty.
-std::vector<std::string> Outside(const test::TempDir& tmp) {
+std::vector<std::string> Outside(const TempDir& tmp) {
   std::vector<std::string> names;
   for (const auto& e : std::filesystem::directory_iterator(tmp.Host())) {
     const std::string n = e.path().filename().string();
@@ -31,10 +31,9 @@ TEST_F(ExtractTest, HostileNamesCreateNothingOutsideTheTarget) {
 
       EXPECT_EQ(0, ExpandAll());
       EXPECT_EQ(ERROR_BAD_PATHNAME, archive.GetErrorCode());
-      EXPECT_EQ((std::vector<std::string>{"ExpandStart", "DoDiskChange 1", "ExpandFile good.txt",
-                                          "ExpandComplete 0"}),
+      EXPECT_EQ((V{"ExpandStart", "DoDiskChange 1", "ExpandFile good.txt", "ExpandComplete 0"}),
                 archive.Calls);
-      EXPECT_EQ((std::vector<std::string>{"good.txt"}), ListTree(Out()));
+      EXPECT_EQ((V{"good.txt"}), ListTree(Out()));
       EXPECT_TRUE(Outside(tmp).empty());
     }
   }
@@ -77,7 +76,7 @@ TEST_F(ExtractTest, WithoutFoldersOnlyTheNameCounts) {
   items.push_back(File("..", "inside.txt", "inside"));
   WriteArchive(items);
   ASSERT_EQ(1, ExpandAll({}, CArchiveFile::AttrNoPath)) << archive.GetErrorCode();
-  EXPECT_EQ((std::vector<std::string>{"inside.txt"}), ListTree(Out()));
+  EXPECT_EQ((V{"inside.txt"}), ListTree(Out()));
   EXPECT_TRUE(Outside(tmp).empty());
 }
 

@@ -9,19 +9,13 @@ namespace fs = std::filesystem;
 namespace xt {
 namespace {
 
-constexpr DWORD kOwnerGroupDacl =
-    OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
-
 // The self-relative descriptor the system gives for a host file with the
 // given permission bits.
-std::vector<std::uint8_t> DescriptorOf(const std::string& host, fs::perms perms) {
-  test::WriteFile(host, "sample");
+std::vector<std::uint8_t> SampleDescriptor(const std::string& host, fs::perms perms) {
+  WriteFile(host, "sample");
   fs::permissions(host, perms);
-  const CString win = talvern::HostPathToWindows(host);
-  DWORD needed = 0;
-  GetFileSecurityW(win.c_str(), kOwnerGroupDacl, nullptr, 0, &needed);
-  std::vector<std::uint8_t> bytes(needed);
-  EXPECT_TRUE(GetFileSecurityW(win.c_str(), kOwnerGroupDacl, bytes.data(), needed, &needed));
+  auto bytes = test::DescriptorOf(talvern::HostPathToWindows(host));
+  EXPECT_FALSE(bytes.empty());
   fs::remove(host);
   return bytes;
 }
@@ -35,15 +29,15 @@ constexpr fs::perms kUnusual = fs::perms::owner_read | fs::perms::owner_write |
 
 TEST_F(ExtractTest, StoredDescriptorIsGivenToTheOutputWhenSecurityIsOn) {
   Item file = File("", "f.txt", "secured");
-  file.Security = DescriptorOf(tmp.Host("sample"), kUnusual);
+  file.Security = SampleDescriptor(tmp.Host("sample"), kUnusual);
   Item dir = Dir("", "d");
-  dir.Security = DescriptorOf(tmp.Host("sample"), kUnusual | fs::perms::owner_exec);
+  dir.Security = SampleDescriptor(tmp.Host("sample"), kUnusual | fs::perms::owner_exec);
   WriteArchive({dir, file});
 
   ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
   EXPECT_EQ(kUnusual, PermsOf(Out("f.txt")));
   EXPECT_EQ(kUnusual | fs::perms::owner_exec, PermsOf(Out("d")));
-  EXPECT_EQ("secured", test::ReadText(Out("f.txt")));
+  EXPECT_EQ("secured", ReadText(Out("f.txt")));
 
   // With the option off the same archive extracts with default security.
   fs::remove_all(Out());
@@ -52,9 +46,9 @@ TEST_F(ExtractTest, StoredDescriptorIsGivenToTheOutputWhenSecurityIsOn) {
 }
 
 TEST_F(ExtractTest, DamagedDescriptorsFallBackToDefaultSecurity) {
-  const auto good = DescriptorOf(tmp.Host("sample"), kUnusual);
+  const auto good = SampleDescriptor(tmp.Host("sample"), kUnusual);
   std::vector<std::vector<std::uint8_t>> damaged;
-  damaged.push_back(test::RandomBytes(64, 9));                        // noise
+  damaged.push_back(RandomBytes(64, 9));                              // noise
   damaged.emplace_back(good.begin(), good.begin() + good.size() / 2); // cut short
   damaged.emplace_back(good.begin(), good.begin() + 19);              // header cut
   auto farOffset = good;
@@ -75,7 +69,7 @@ TEST_F(ExtractTest, DamagedDescriptorsFallBackToDefaultSecurity) {
   ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
   for (size_t i = 0; i < damaged.size(); ++i) {
     SCOPED_TRACE(i);
-    EXPECT_EQ("data " + std::to_string(i), test::ReadText(Out("f" + std::to_string(i))));
+    EXPECT_EQ("data " + std::to_string(i), ReadText(Out("f" + std::to_string(i))));
     EXPECT_NE(kUnusual, PermsOf(Out("f" + std::to_string(i))));
   }
 }

@@ -11,7 +11,7 @@ namespace {
 // 2000 bytes of "big" with a 1000-byte limit: parts of 902, 902 and 196
 // bytes in volumes 0, 1 and 2, followed by a small file in volume 2.
 std::vector<Item> SplitSet() {
-  return {File("", "big", test::RandomBytes(2000, 11)), File("", "after.txt", "after")};
+  return {File("", "big", RandomBytes(2000, 11)), File("", "after.txt", "after")};
 }
 constexpr std::uint64_t kSplitLimit = 1000;
 
@@ -21,15 +21,14 @@ TEST_F(ExtractTest, FileSplitOverThreeNumberedVolumesExtractsInOneCall) {
   ASSERT_EQ(3u, volumes.size());
 
   ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
-  EXPECT_EQ(items[0].Contents, test::ReadFile(Out("big")));
-  EXPECT_EQ("after", test::ReadText(Out("after.txt")));
+  EXPECT_EQ(items[0].Contents, ReadFile(Out("big")));
+  EXPECT_EQ("after", ReadText(Out("after.txt")));
   // One change to open the first volume, one per change after it; a
   // numbered set on a fixed disk never asks the host.
   EXPECT_EQ(3, archive.DiskChangeCalls);
-  EXPECT_EQ(
-      (std::vector<std::string>{"ExpandStart", "DoDiskChange 1", "ExpandFile big", "DoDiskChange 0",
-                                "DoDiskChange 0", "ExpandFile after.txt", "ExpandComplete 1"}),
-      archive.Calls);
+  EXPECT_EQ((V{"ExpandStart", "DoDiskChange 1", "ExpandFile big", "DoDiskChange 0",
+               "DoDiskChange 0", "ExpandFile after.txt", "ExpandComplete 1"}),
+            archive.Calls);
   EXPECT_FALSE(archive.IsOpen());
   EXPECT_FALSE(archive.IsMediaChanged());
 }
@@ -42,7 +41,7 @@ TEST_F(ExtractTest, ExpandOfASplitEntryFollowsItToItsLastVolume) {
   ASSERT_TRUE(FindEntry("big", entry));
 
   ASSERT_EQ(1, archive.Expand(OutWin().c_str(), entry, {}, {})) << archive.GetErrorCode();
-  EXPECT_EQ(items[0].Contents, test::ReadFile(Out("big")));
+  EXPECT_EQ(items[0].Contents, ReadFile(Out("big")));
   EXPECT_TRUE(archive.IsMediaChanged());
   EXPECT_EQ(2u, archive.GetDiskNo());
   // The entry now describes the last part.
@@ -68,14 +67,14 @@ TEST_F(ExtractTest, VolumeOfAnotherArchiveOrNumberIsTheWrongDisk) {
 
   // Same shape, other contents: the continuation record's CRC differs.
   const auto other = BuildVolumes(
-      {File("", "big", test::RandomBytes(2000, 12)), File("", "after.txt", "after")}, kSplitLimit);
-  test::WriteFile(second, other.at(1));
+      {File("", "big", RandomBytes(2000, 12)), File("", "after.txt", "after")}, kSplitLimit);
+  WriteFile(second, other.at(1));
   EXPECT_EQ(0, ExpandAll());
   EXPECT_EQ(ERROR_WRONG_DISK, archive.GetErrorCode());
   EXPECT_TRUE(ListTree(Out()).empty());
 
   // The right archive's third volume in the second one's place.
-  test::WriteFile(second, volumes.at(2));
+  WriteFile(second, volumes.at(2));
   ASSERT_TRUE(archive.FileName(Win(tmp.Host("set.arc")).c_str(), archive.LimitSize()));
   EXPECT_EQ(0, ExpandAll());
   EXPECT_EQ(ERROR_WRONG_DISK, archive.GetErrorCode());
@@ -108,7 +107,7 @@ TEST_F(ExtractTest, ContinuationRecordMustRepeatEveryFieldOfTheSplitEntry) {
     SCOPED_TRACE(c.what);
     auto bytes = volumes.at(1);
     bytes[20 + c.offset] ^= c.flip;
-    test::WriteFile(second, bytes);
+    WriteFile(second, bytes);
     ASSERT_TRUE(archive.FileName(Win(tmp.Host("set.arc")).c_str(), archive.LimitSize()));
     EXPECT_EQ(0, ExpandAll());
     EXPECT_EQ(ERROR_WRONG_DISK, archive.GetErrorCode());
@@ -116,10 +115,10 @@ TEST_F(ExtractTest, ContinuationRecordMustRepeatEveryFieldOfTheSplitEntry) {
   }
   // The data size and the folder are not compared: the unchanged record
   // already differs from the first part in its data size.
-  test::WriteFile(second, volumes.at(1));
+  WriteFile(second, volumes.at(1));
   ASSERT_TRUE(archive.FileName(Win(tmp.Host("set.arc")).c_str(), archive.LimitSize()));
   EXPECT_EQ(1, ExpandAll()) << archive.GetErrorCode();
-  EXPECT_EQ(items[0].Contents, test::ReadFile(Out("big")));
+  EXPECT_EQ(items[0].Contents, ReadFile(Out("big")));
 }
 
 TEST_F(ExtractTest, TruncatedVolumeIsReportedAndNothingOfItIsExtracted) {
@@ -131,10 +130,9 @@ TEST_F(ExtractTest, TruncatedVolumeIsReportedAndNothingOfItIsExtracted) {
   EXPECT_TRUE(ListTree(Out()).empty());
 
   // A single volume cut inside its only record.
-  test::TempDir other;
+  TempDir other;
   const auto bytes = BuildVolumes({File("", "f", std::string(500, 'f'))}).at(0);
-  test::WriteFile(other.Host("one.arc"),
-                  std::vector<std::uint8_t>(bytes.begin(), bytes.end() - 100));
+  WriteFile(other.Host("one.arc"), std::vector<std::uint8_t>(bytes.begin(), bytes.end() - 100));
   CArchiveFile single;
   ASSERT_TRUE(single.FileName(other.Win("one.arc").c_str(), nullptr));
   EXPECT_EQ(0, single.ExpandAll(OutWin().c_str(), {}, {}));
@@ -152,7 +150,7 @@ TEST_F(ExtractTest, NextNumberedVolumeIsOpenedEvenWithoutTheContinueBitAndMayBeE
 
   CArchiveEntry entry;
   ASSERT_EQ(1, archive.DoDiskChange(nullptr, entry, nullptr, 1, 0));
-  EXPECT_EQ(test::W("f"), CString(entry.FindData.cFileName));
+  EXPECT_EQ(W("f"), CString(entry.FindData.cFileName));
   entry.Clear();
   ASSERT_EQ(1, archive.DoDiskChange(nullptr, entry, nullptr, 0, 0)) << archive.GetErrorCode();
   EXPECT_EQ(1u, archive.GetDiskNo());
@@ -172,7 +170,7 @@ protected:
       talvern::MediumSpec m;
       m.HostDir = tmp.Host("medium" + std::to_string(i + 1));
       m.Serial = 0x1000u + static_cast<DWORD>(i);
-      m.Label = test::W("DISK" + std::to_string(i + 1));
+      m.Label = W("DISK" + std::to_string(i + 1));
       media.push_back(m);
     }
     ASSERT_TRUE(talvern::MountDrive(u'R', DRIVE_REMOVABLE, 512, &media[0]));
@@ -183,7 +181,7 @@ protected:
   void WriteOnMedia(const std::vector<Item>& items, std::uint64_t limit) {
     volumes = BuildVolumes(items, limit);
     for (size_t i = 0; i < volumes.size(); ++i)
-      test::WriteFile(media.at(i).HostDir + "/set.arc", volumes[i]);
+      WriteFile(media.at(i).HostDir + "/set.arc", volumes[i]);
     ASSERT_TRUE(archive.FileName(u"R:\\set.arc", nullptr));
   }
 
@@ -203,7 +201,7 @@ TEST_F(RemovableTest, DefaultHooksCancelWheneverAVolumeMustBeAskedFor) {
   // Without the first question the medium in the drive is read.
   EXPECT_EQ(1, plain.ExpandAll(OutWin().c_str(), CArchiveFile::SrchNoFirstPrompt, {}))
       << plain.GetErrorCode();
-  EXPECT_EQ("on the diskette", test::ReadText(Out("f.txt")));
+  EXPECT_EQ("on the diskette", ReadText(Out("f.txt")));
 }
 
 TEST_F(RemovableTest, EachVolumeIsAskedForAndAWrongOneAskedForAgain) {
@@ -223,11 +221,10 @@ TEST_F(RemovableTest, EachVolumeIsAskedForAndAWrongOneAskedForAgain) {
   };
 
   ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
-  EXPECT_EQ(items[0].Contents, test::ReadFile(Out("big")));
-  EXPECT_EQ((std::vector<std::string>{"ExpandStart", "DoDiskChange 1", "DiskChange 1 0",
-                                      "ExpandFile big", "DoDiskChange 0", "DiskChange 2 0",
-                                      "InvalidDisk 2 0 0", "DoDiskChange 0", "DiskChange 3 0",
-                                      "ExpandFile after.txt", "ExpandComplete 1"}),
+  EXPECT_EQ(items[0].Contents, ReadFile(Out("big")));
+  EXPECT_EQ((V{"ExpandStart", "DoDiskChange 1", "DiskChange 1 0", "ExpandFile big",
+               "DoDiskChange 0", "DiskChange 2 0", "InvalidDisk 2 0 0", "DoDiskChange 0",
+               "DiskChange 3 0", "ExpandFile after.txt", "ExpandComplete 1"}),
             archive.Calls);
 }
 
@@ -251,8 +248,8 @@ TEST_F(RemovableTest, ExtractingOntoTheArchivesOwnMediumNeverAsks) {
   EXPECT_EQ(0, archive.ExpandAll(u"R:\\out", CArchiveFile::SrchNoFirstPrompt, {}));
   EXPECT_EQ(ERROR_HANDLE_EOF, archive.GetErrorCode());
   for (const auto& call : archive.Calls) EXPECT_EQ(std::string::npos, call.find("Disk "));
-  EXPECT_TRUE(test::Exists(media[0].HostDir + "/out"));
-  EXPECT_FALSE(test::Exists(media[0].HostDir + "/out/big"));
+  EXPECT_TRUE(Exists(media[0].HostDir + "/out"));
+  EXPECT_FALSE(Exists(media[0].HostDir + "/out/big"));
 }
 
 } // namespace

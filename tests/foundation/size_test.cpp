@@ -11,42 +11,36 @@ constexpr std::uint64_t kMax = 0xFFFFFFFFFFFFFFFFull;
 
 TEST(ArchiveSize, LayoutIsLowHalfThenHighHalf) {
   CArchiveSize s(0x0123456789ABCDEFull);
-  unsigned char bytes[8];
-  std::memcpy(bytes, &s, 8);
-  const unsigned char expected[8] = {0xEF, 0xCD, 0xAB, 0x89, 0x67, 0x45, 0x23, 0x01};
-  EXPECT_EQ(0, std::memcmp(bytes, expected, 8));
   CArchiveOffset o(s);
-  std::memcpy(bytes, &o, 8);
-  EXPECT_EQ(0, std::memcmp(bytes, expected, 8));
+  const unsigned char expected[8] = {0xEF, 0xCD, 0xAB, 0x89, 0x67, 0x45, 0x23, 0x01};
+  EXPECT_EQ(0, std::memcmp(&s, expected, 8));
+  EXPECT_EQ(0, std::memcmp(&o, expected, 8));
   EXPECT_EQ(0x89ABCDEFu, s.LowPart);
   EXPECT_EQ(0x01234567u, s.HighPart);
 }
 
-TEST(ArchiveSize, AddReportsCarryOutOfBit63Only) {
-  CArchiveSize a(kMax);
-  EXPECT_EQ(1, a.Add(CArchiveSize(1)));
-  EXPECT_EQ(0u, a.GetValue());
-  CArchiveSize b(0xFFFFFFFFull);
-  EXPECT_EQ(0, b.Add(CArchiveSize(1)));
-  EXPECT_EQ(0x100000000ull, b.GetValue());
-  CArchiveSize c(kMax - 5);
-  EXPECT_EQ(0, c.Add(CArchiveSize(5)));
-  EXPECT_EQ(kMax, c.GetValue());
-  CArchiveSize d(kMax);
-  EXPECT_EQ(1, d.Add(CArchiveSize(kMax)));
-  EXPECT_EQ(kMax - 1, d.GetValue());
-}
-
-TEST(ArchiveSize, SubReportsBorrow) {
-  CArchiveSize a(5);
-  EXPECT_EQ(1, a.Sub(CArchiveSize(7)));
-  EXPECT_EQ(0xFFFFFFFFFFFFFFFEull, a.GetValue());
-  CArchiveSize b(7);
-  EXPECT_EQ(0, b.Sub(CArchiveSize(7)));
-  EXPECT_EQ(0u, b.GetValue());
-  CArchiveSize c(0x100000000ull);
-  EXPECT_EQ(0, c.Sub(CArchiveSize(1)));
-  EXPECT_EQ(0xFFFFFFFFull, c.GetValue());
+TEST(ArchiveSize, AddAndSubReportCarryAndBorrowOutOfBit63) {
+  struct Case {
+    std::uint64_t a, b;
+    int add; // carry of a + b
+    std::uint64_t sum;
+    int sub; // borrow of a - b
+    std::uint64_t difference;
+  } cases[] = {
+      {kMax, 1, 1, 0, 0, kMax - 1},
+      {0xFFFFFFFFull, 1, 0, 0x100000000ull, 0, 0xFFFFFFFEull},
+      {kMax - 5, 5, 0, kMax, 0, kMax - 10},
+      {kMax, kMax, 1, kMax - 1, 0, 0},
+      {5, 7, 0, 12, 1, 0xFFFFFFFFFFFFFFFEull},
+      {0x100000000ull, 1, 0, 0x100000001ull, 0, 0xFFFFFFFFull},
+  };
+  for (const Case& c : cases) {
+    CArchiveSize sum(c.a), difference(c.a);
+    EXPECT_EQ(c.add, sum.Add(CArchiveSize(c.b))) << c.a << " + " << c.b;
+    EXPECT_EQ(c.sum, sum.GetValue()) << c.a << " + " << c.b;
+    EXPECT_EQ(c.sub, difference.Sub(CArchiveSize(c.b))) << c.a << " - " << c.b;
+    EXPECT_EQ(c.difference, difference.GetValue()) << c.a << " - " << c.b;
+  }
 }
 
 TEST(ArchiveSize, CmpIsUnsignedOverAllSixtyFourBits) {
@@ -57,24 +51,19 @@ TEST(ArchiveSize, CmpIsUnsignedOverAllSixtyFourBits) {
   EXPECT_EQ(-1, CArchiveSize(0x00000001FFFFFFFFull).Cmp(CArchiveSize(0x0000000200000000ull)));
 }
 
-TEST(ArchiveSize, GetDWordSaturatesAndSetDWordClearsHighHalf) {
+TEST(ArchiveSize, DWordsSaturateAndOffsetsConvert) {
   EXPECT_EQ(0xFFFFFFFFu, CArchiveSize(0x100000000ull).GetDWord());
-  EXPECT_EQ(0xFFFFFFFFu, CArchiveSize(0xFFFFFFFFull).GetDWord());
   EXPECT_EQ(7u, CArchiveSize(7).GetDWord());
   CArchiveSize s(kMax);
   s.SetDWord(9);
   EXPECT_EQ(9u, s.GetValue());
-  CArchiveSize t;
-  t.Copy(CArchiveSize(0x500000001ull));
-  EXPECT_EQ(0x500000001ull, t.GetValue());
-}
+  s.Copy(CArchiveSize(0x500000001ull));
+  EXPECT_EQ(0x500000001ull, s.GetValue());
 
-TEST(ArchiveOffset, ConvertsFromSizesAndNumbers) {
   CArchiveOffset o;
   o = CArchiveSize(123);
   EXPECT_EQ(123u, o.GetValue());
   o = std::uint64_t{0x700000000ull};
-  EXPECT_EQ(7u, o.HighPart);
   CArchiveOffset p(o);
   EXPECT_EQ(0, p.Cmp(o));
   EXPECT_EQ(0, p.Add(CArchiveSize(1)));

@@ -5,7 +5,6 @@
 #include "options.h"
 #include "progress.h"
 #include "support/test_support.h"
-#include "tool_runner.h"
 
 #include <gtest/gtest.h>
 
@@ -174,11 +173,6 @@ TEST(ToolParts, ProgressLineFitsTheTerminal) {
   EXPECT_NE(narrow.find("  ..."), std::string::npos);
   // Unknown totals: counts without a bar.
   EXPECT_EQ(Progress::BarLine("test", 3, 0, 2048, 0, 0.1, "", 80), "test   3 files  2.0 KiB");
-}
-
-TEST(ToolParts, ArchiveCrcOfTheTestHelper) {
-  // The CRC the archive format uses: the record of "hi" carries 0x994A3853.
-  EXPECT_EQ(tooltest::ArchiveCrc("hi"), 0x994A3853u);
 }
 
 } // namespace

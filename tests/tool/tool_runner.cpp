@@ -7,7 +7,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <map>
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
@@ -140,42 +139,6 @@ RunResult RunOnTerminal(const std::vector<std::string>& args, const std::string&
   waitpid(pid, &status, 0);
   result.exitCode = ExitCodeOf(status);
   return result;
-}
-
-std::string CompareTrees(const std::string& expected, const std::string& actual) {
-  auto collect = [](const std::string& root) {
-    std::map<std::string, std::string> items; // relative path -> "dir" or contents
-    std::error_code ec;
-    for (auto it = fs::recursive_directory_iterator(root, ec);
-         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-      const std::string relative = fs::relative(it->path(), root).string();
-      items[relative] =
-          it->is_directory() ? std::string("<dir>") : "file:" + test::ReadText(it->path().string());
-    }
-    return items;
-  };
-  const auto want = collect(expected);
-  const auto have = collect(actual);
-  std::string differences;
-  for (const auto& [path, value] : want) {
-    const auto found = have.find(path);
-    if (found == have.end())
-      differences += "missing: " + path + "\n";
-    else if (found->second != value)
-      differences += "differs: " + path + "\n";
-  }
-  for (const auto& [path, value] : have)
-    if (!want.count(path)) differences += "extra: " + path + "\n";
-  return differences;
-}
-
-unsigned ArchiveCrc(const std::string& bytes) {
-  unsigned crc = 0;
-  for (unsigned char c : bytes) {
-    crc ^= c;
-    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ ((crc & 1) ? 0xEDB88320u : 0u);
-  }
-  return crc;
 }
 
 } // namespace tooltest

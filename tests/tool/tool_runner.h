@@ -29,12 +29,4 @@ RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
 RunResult RunOnTerminal(const std::vector<std::string>& args, const std::string& cwd,
                         const std::vector<std::string>& answers);
 
-// Differences between two host folder trees (names, kinds, contents); empty
-// when they are identical.
-std::string CompareTrees(const std::string& expected, const std::string& actual);
-
-// The archive's CRC-32: reflected polynomial 0xEDB88320, starting at 0,
-// without a final inversion.
-unsigned ArchiveCrc(const std::string& bytes);
-
 } // namespace tooltest
