@@ -44,8 +44,12 @@ fuzz:
 	cmake --build $(FUZZ_BUILD) -j$(JOBS)
 	@scripts/run-fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
-bench: build
+# The benchmarks are configured in explicitly, so that a build folder set up
+# without them (-DTALVERN_BUILD_BENCH=OFF) still gets them here.
+bench:
 	@scripts/install-deps.sh --bench
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS)
 	@scripts/bench.sh $(BUILD)
 
 format:
