@@ -1,4 +1,5 @@
 #include "engine_test_util.h"
+#include "reference_coder.h"
 
 #include "support/test_support.h"
 
@@ -48,17 +49,9 @@ Bytes Expand(const Bytes& stream, std::size_t limit, bool general, int* ok, DWOR
 
 std::vector<Code> ParseCodes(const Bytes& stream) {
   std::vector<Code> codes;
-  std::size_t bit = 0;
-  const std::size_t total = stream.size() * 8;
-  auto take = [&](unsigned n, unsigned& value) {
-    if (bit + n > total) return false;
-    value = 0;
-    for (unsigned i = 0; i < n; ++i, ++bit)
-      value = (value << 1) | ((stream[bit / 8] >> (7 - bit % 8)) & 1);
-    return true;
-  };
+  CodeReader reader(stream);
   unsigned c = 0;
-  while (take(9, c)) {
+  while (reader.Take(9, c)) {
     if (c < 0x100) {
       codes.push_back({Code::Literal, c, 0});
     } else if (c == 0x1FF) {
@@ -66,7 +59,7 @@ std::vector<Code> ParseCodes(const Bytes& stream) {
       break;
     } else {
       unsigned p = 0;
-      if (!take(13, p)) break;
+      if (!reader.Take(13, p)) break;
       codes.push_back({Code::Match, c - 253, p + 1});
     }
   }

@@ -109,22 +109,22 @@ private:
 
   // Chain links: prev is the node before, or the chain number with bit 15
   // set for the first node of a chain.
-  void Unlink(u16 x) {
-    const u16 p = prev_[x];
-    const u16 s = next_[x];
-    if (p & 0x8000)
-      heads_[p & 0x7FFF] = s;
-    else
-      next_[p] = s;
-    prev_[s] = p;
-  }
-  void TakePlace(u16 x, u16 y) {
+  // Makes whatever x's prev names (a chain head or a node) point at y.
+  void Repoint(u16 x, u16 y) {
     const u16 p = prev_[x];
     if (p & 0x8000)
       heads_[p & 0x7FFF] = y;
     else
       next_[p] = y;
-    prev_[y] = p;
+  }
+  void Unlink(u16 x) {
+    const u16 s = next_[x];
+    Repoint(x, s);
+    prev_[s] = prev_[x];
+  }
+  void TakePlace(u16 x, u16 y) {
+    Repoint(x, y);
+    prev_[y] = prev_[x];
     const u16 s = next_[x];
     prev_[s] = y;
     next_[y] = s;
@@ -297,16 +297,8 @@ Bytes ReferenceCompress(const Bytes& data) {
 
 Bytes ReferenceExpand(const Bytes& stream, std::size_t limit) {
   constexpr std::size_t Window = 16384;
-  const std::size_t total = stream.size() * 8;
-  std::size_t bit = 0;
   // A code whose bits run past the last byte is dropped.
-  auto take = [&](unsigned n, unsigned& value) {
-    if (bit + n > total) return false;
-    value = 0;
-    for (unsigned i = 0; i < n; ++i, ++bit)
-      value = (value << 1) | ((stream[bit / 8] >> (7 - bit % 8)) & 1);
-    return true;
-  };
+  CodeReader reader(stream);
   Bytes window(Window, 0x20);
   Bytes out;
   std::size_t pos = 0;
@@ -316,14 +308,14 @@ Bytes ReferenceExpand(const Bytes& stream, std::size_t limit) {
     pos = (pos + 1) % Window;
   };
   unsigned code = 0;
-  while (out.size() < limit && take(9, code)) {
+  while (out.size() < limit && reader.Take(9, code)) {
     if (code < 0x100) {
       put(static_cast<u8>(code));
     } else if (code == 0x1FF) {
       break;
     } else {
       unsigned field = 0;
-      if (!take(13, field)) break;
+      if (!reader.Take(13, field)) break;
       std::size_t from = (pos + Window - field - 1) % Window;
       for (unsigned n = code - 253; n != 0; --n) {
         put(window[from]);

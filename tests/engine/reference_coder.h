@@ -13,6 +13,25 @@ namespace enginetest {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// Reads a code format 1 stream most significant bit first. Take fails, and
+// takes nothing, when the code would run past the last byte.
+class CodeReader {
+public:
+  explicit CodeReader(const Bytes& stream) : stream_(stream), total_(stream.size() * 8) {}
+  bool Take(unsigned n, unsigned& value) {
+    if (bit_ + n > total_) return false;
+    value = 0;
+    for (unsigned i = 0; i < n; ++i, ++bit_)
+      value = (value << 1) | ((stream_[bit_ / 8] >> (7 - bit_ % 8)) & 1);
+    return true;
+  }
+
+private:
+  const Bytes& stream_;
+  std::size_t total_;
+  std::size_t bit_ = 0;
+};
+
 // The code format 1 stream of `data`, as the engine (13, 256, 3) writes it.
 Bytes ReferenceCompress(const Bytes& data);
 
