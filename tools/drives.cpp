@@ -33,7 +33,7 @@ std::string Absolute(const std::string& folder) {
   return text;
 }
 
-talvern::MediumSpec MediumIn(const DriveSpec& drive, const std::string& folder) {
+talvern::MediumSpec MediumIn(const DriveOption& drive, const std::string& folder) {
   talvern::MediumSpec medium;
   medium.HostDir = folder;
   medium.Serial = SerialOf(folder);
@@ -66,19 +66,19 @@ std::string ToHostPath(const WCHAR* libraryPath) {
 
 std::string ToHostPath(const CString& libraryPath) { return ToHostPath(libraryPath.c_str()); }
 
-bool Drives::MountAll(const std::vector<DriveSpec>& specs, std::string& error) {
-  for (const DriveSpec& given : specs) {
-    DriveSpec spec = given;
-    spec.HostDir = Absolute(spec.HostDir);
-    if (spec.ClusterSize == 0) spec.ClusterSize = spec.Type == DRIVE_FIXED ? 4096 : 512;
-    const talvern::MediumSpec medium = MediumIn(spec, spec.HostDir);
-    if (!talvern::MountDrive(static_cast<WCHAR>(spec.Letter), spec.Type, spec.ClusterSize,
+bool Drives::MountAll(const std::vector<DriveOption>& drives, std::string& error) {
+  for (const DriveOption& given : drives) {
+    DriveOption drive = given;
+    drive.HostDir = Absolute(drive.HostDir);
+    if (drive.ClusterSize == 0) drive.ClusterSize = drive.Type == DRIVE_FIXED ? 4096 : 512;
+    const talvern::MediumSpec medium = MediumIn(drive, drive.HostDir);
+    if (!talvern::MountDrive(static_cast<WCHAR>(drive.Letter), drive.Type, drive.ClusterSize,
                              &medium)) {
-      error = "--drive " + std::string(1, spec.Letter) + ": cannot use the folder " + spec.HostDir +
-              " (error " + std::to_string(GetLastError()) + ")";
+      error = "--drive " + std::string(1, drive.Letter) + ": cannot use the folder " +
+              drive.HostDir + " (error " + std::to_string(GetLastError()) + ")";
       return false;
     }
-    mounted_.push_back({spec, spec.HostDir});
+    mounted_.push_back({drive, drive.HostDir});
   }
   return true;
 }
@@ -86,7 +86,7 @@ bool Drives::MountAll(const std::vector<DriveSpec>& specs, std::string& error) {
 const Drives::Mounted* Drives::Find(char letter) const {
   letter = static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
   for (const Mounted& m : mounted_)
-    if (m.spec.Letter == letter) return &m;
+    if (m.drive.Letter == letter) return &m;
   return nullptr;
 }
 
@@ -94,15 +94,15 @@ Drives::Mounted* Drives::Find(char letter) {
   return const_cast<Mounted*>(static_cast<const Drives&>(*this).Find(letter));
 }
 
-const DriveSpec* Drives::DriveOf(const WCHAR* path) const {
+const DriveOption* Drives::DriveOf(const WCHAR* path) const {
   if (path == nullptr || path[0] == 0 || path[0] > 0x7F || path[1] != u':') return nullptr;
   const Mounted* m = Find(static_cast<char>(path[0]));
-  return m ? &m->spec : nullptr;
+  return m ? &m->drive : nullptr;
 }
 
 bool Drives::IsRemovable(const WCHAR* path) const {
-  const DriveSpec* spec = DriveOf(path);
-  return spec != nullptr && (spec->Type == DRIVE_REMOVABLE || spec->Type == DRIVE_CDROM);
+  const DriveOption* drive = DriveOf(path);
+  return drive != nullptr && (drive->Type == DRIVE_REMOVABLE || drive->Type == DRIVE_CDROM);
 }
 
 bool Drives::Insert(char letter, const std::string& hostDir, std::string& error) {
@@ -113,8 +113,8 @@ bool Drives::Insert(char letter, const std::string& hostDir, std::string& error)
   }
   Mounted& m = *found;
   const std::string folder = Absolute(hostDir);
-  const talvern::MediumSpec medium = MediumIn(m.spec, folder);
-  if (!talvern::InsertMedium(static_cast<WCHAR>(m.spec.Letter), &medium)) {
+  const talvern::MediumSpec medium = MediumIn(m.drive, folder);
+  if (!talvern::InsertMedium(static_cast<WCHAR>(m.drive.Letter), &medium)) {
     error = "cannot use the folder " + folder + " as a medium (error " +
             std::to_string(GetLastError()) + ")";
     return false;
@@ -131,7 +131,7 @@ std::string Drives::CurrentMedium(char letter) const {
 std::string Drives::SuggestMedium(char letter, DWORD diskNo) const {
   const Mounted* m = Find(letter);
   if (m == nullptr) return std::string();
-  const std::string& first = m->spec.HostDir;
+  const std::string& first = m->drive.HostDir;
   std::size_t digits = first.size();
   while (digits > 0 && std::isdigit(static_cast<unsigned char>(first[digits - 1]))) --digits;
   if (digits == first.size()) return first + std::to_string(diskNo);

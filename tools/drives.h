@@ -25,9 +25,9 @@ std::string ToHostPath(const WCHAR* libraryPath);
 class Drives {
 public:
   // Mounts the drives of the command line; false with a message.
-  bool MountAll(const std::vector<DriveSpec>& specs, std::string& error);
+  bool MountAll(const std::vector<DriveOption>& drives, std::string& error);
   // The drive of a library path ("A:\x"), or null when it is not one of ours.
-  const DriveSpec* DriveOf(const WCHAR* path) const;
+  const DriveOption* DriveOf(const WCHAR* path) const;
   bool IsRemovable(const WCHAR* path) const;
   // Puts the medium kept in hostDir into the drive; false with a message.
   bool Insert(char letter, const std::string& hostDir, std::string& error);
@@ -40,7 +40,7 @@ public:
 
 private:
   struct Mounted {
-    DriveSpec spec;
+    DriveOption drive;
     std::string current; // host folder of the medium in the drive
   };
   std::vector<Mounted> mounted_;

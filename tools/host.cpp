@@ -169,7 +169,7 @@ int Host::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHAR* other
 int Host::AskForMedium(const WCHAR* root, DWORD diskNo, int forWriting, bool wrongMedium,
                        bool foreignFile) {
   const CString rootPath = root && *root ? CString(root) : GetRootPath(FileName());
-  const DriveSpec* drive = drives_.DriveOf(rootPath.c_str());
+  const DriveOption* drive = drives_.DriveOf(rootPath.c_str());
   const std::string disk = "disk " + std::to_string(diskNo);
   progress_.Clear();
   if (drive == nullptr) {

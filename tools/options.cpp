@@ -160,8 +160,8 @@ std::optional<std::uint64_t> ParseSize(const std::string& text) {
   return value << shift;
 }
 
-std::optional<DriveSpec> ParseDriveSpec(const std::string& text, std::string& error) {
-  DriveSpec spec;
+std::optional<DriveOption> ParseDriveOption(const std::string& text, std::string& error) {
+  DriveOption drive;
   if (text.size() < 4 || !std::isalpha(static_cast<unsigned char>(text[0])) || text[1] != ':' ||
       text[2] != '=') {
     error = "--drive: expected LETTER:=FOLDER[,removable|cdrom|fixed][,size=SIZE][,cluster=N], "
@@ -169,8 +169,8 @@ std::optional<DriveSpec> ParseDriveSpec(const std::string& text, std::string& er
             text + "'";
     return std::nullopt;
   }
-  spec.Letter = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
-  if (spec.Letter == 'Z') {
+  drive.Letter = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
+  if (drive.Letter == 'Z') {
     error = "--drive: Z: stands for the whole file system and cannot be mounted";
     return std::nullopt;
   }
@@ -182,39 +182,39 @@ std::optional<DriveSpec> ParseDriveSpec(const std::string& text, std::string& er
     if (comma == std::string::npos) break;
     start = comma + 1;
   }
-  spec.HostDir = parts[0];
-  if (spec.HostDir.empty()) {
-    error = "--drive: the folder of drive " + std::string(1, spec.Letter) + ": is missing";
+  drive.HostDir = parts[0];
+  if (drive.HostDir.empty()) {
+    error = "--drive: the folder of drive " + std::string(1, drive.Letter) + ": is missing";
     return std::nullopt;
   }
   for (std::size_t i = 1; i < parts.size(); ++i) {
     const std::string& p = parts[i];
     if (p == "removable")
-      spec.Type = DRIVE_REMOVABLE;
+      drive.Type = DRIVE_REMOVABLE;
     else if (p == "cdrom")
-      spec.Type = DRIVE_CDROM;
+      drive.Type = DRIVE_CDROM;
     else if (p == "fixed")
-      spec.Type = DRIVE_FIXED;
+      drive.Type = DRIVE_FIXED;
     else if (p.rfind("size=", 0) == 0) {
       const auto size = ParseSize(p.substr(5));
       if (!size || *size == 0) {
         error = "--drive: '" + p + "' is not a size";
         return std::nullopt;
       }
-      spec.Capacity = *size;
+      drive.Capacity = *size;
     } else if (p.rfind("cluster=", 0) == 0) {
       const auto size = ParseSize(p.substr(8));
       if (!size || *size < 512 || *size > 262144 || (*size & (*size - 1)) != 0) {
         error = "--drive: the cluster size must be a power of two from 512 to 256K";
         return std::nullopt;
       }
-      spec.ClusterSize = static_cast<DWORD>(*size);
+      drive.ClusterSize = static_cast<DWORD>(*size);
     } else {
       error = "--drive: unknown property '" + p + "'";
       return std::nullopt;
     }
   }
-  return spec;
+  return drive;
 }
 
 CArchiveSize VolumeLimit(const Options& options) {
@@ -348,9 +348,9 @@ std::optional<Options> ParseCommandLine(const std::vector<std::string>& args, st
     } else if (arg == "--drive") {
       std::string text;
       if (!value(text)) return std::nullopt;
-      const auto spec = ParseDriveSpec(text, error);
-      if (!spec) return std::nullopt;
-      o.drives.push_back(*spec);
+      const auto drive = ParseDriveOption(text, error);
+      if (!drive) return std::nullopt;
+      o.drives.push_back(*drive);
       used.emplace_back(arg, kAll);
     } else {
       const auto flag = std::find_if(std::begin(kFlagOptions), std::end(kFlagOptions),

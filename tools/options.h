@@ -16,7 +16,7 @@ enum class Command { None, Create, Add, Extract, List, Test, Info };
 enum class OverwritePolicy { Default, Replace, Skip, Backup, Rename, Ask };
 
 // --drive A:=DIR[,removable|cdrom|fixed][,size=SIZE][,cluster=N]
-struct DriveSpec {
+struct DriveOption {
   char Letter = 0; // upper case
   std::string HostDir;
   UINT Type = DRIVE_FIXED;
@@ -43,7 +43,7 @@ struct Options {
   std::vector<std::string> includes;
   std::vector<std::string> excludes;
   OverwritePolicy overwrite = OverwritePolicy::Default;
-  std::vector<DriveSpec> drives;
+  std::vector<DriveOption> drives;
 
   bool quiet = false;
   bool verbose = false;
@@ -58,7 +58,7 @@ std::optional<Options> ParseCommandLine(const std::vector<std::string>& args, st
 std::optional<std::uint64_t> ParseSize(const std::string& text);
 
 // A drive specification as given to --drive.
-std::optional<DriveSpec> ParseDriveSpec(const std::string& text, std::string& error);
+std::optional<DriveOption> ParseDriveOption(const std::string& text, std::string& error);
 
 // The volume size limit for FileName: low half every volume, high half the
 // first one. 4G stands for the largest size a volume can have.

@@ -86,23 +86,23 @@ TEST(ToolParts, CommandLineMistakesAreNamed) {
   EXPECT_EQ(o->archive, "-odd.arc");
 }
 
-TEST(ToolParts, DriveSpecifications) {
+TEST(ToolParts, DriveOptions) {
   std::string error;
-  auto spec = ParseDriveSpec("a:=/tmp/fl,removable,size=1440K,cluster=512", error);
-  ASSERT_TRUE(spec) << error;
-  EXPECT_EQ(spec->Letter, 'A');
-  EXPECT_EQ(spec->HostDir, "/tmp/fl");
-  EXPECT_EQ(spec->Type, DRIVE_REMOVABLE);
-  EXPECT_EQ(spec->Capacity, 1440u * 1024);
-  EXPECT_EQ(spec->ClusterSize, 512u);
-  spec = ParseDriveSpec("E:=/cd,cdrom", error);
-  ASSERT_TRUE(spec);
-  EXPECT_EQ(spec->Type, DRIVE_CDROM);
-  EXPECT_FALSE(ParseDriveSpec("A=/x", error));
-  EXPECT_FALSE(ParseDriveSpec("A:=", error));
-  EXPECT_FALSE(ParseDriveSpec("Z:=/x", error)); // Z: is the whole file system
-  EXPECT_FALSE(ParseDriveSpec("A:=/x,floppy", error));
-  EXPECT_FALSE(ParseDriveSpec("A:=/x,cluster=1000", error));
+  auto drive = ParseDriveOption("a:=/tmp/fl,removable,size=1440K,cluster=512", error);
+  ASSERT_TRUE(drive) << error;
+  EXPECT_EQ(drive->Letter, 'A');
+  EXPECT_EQ(drive->HostDir, "/tmp/fl");
+  EXPECT_EQ(drive->Type, DRIVE_REMOVABLE);
+  EXPECT_EQ(drive->Capacity, 1440u * 1024);
+  EXPECT_EQ(drive->ClusterSize, 512u);
+  drive = ParseDriveOption("E:=/cd,cdrom", error);
+  ASSERT_TRUE(drive);
+  EXPECT_EQ(drive->Type, DRIVE_CDROM);
+  EXPECT_FALSE(ParseDriveOption("A=/x", error));
+  EXPECT_FALSE(ParseDriveOption("A:=", error));
+  EXPECT_FALSE(ParseDriveOption("Z:=/x", error)); // Z: is the whole file system
+  EXPECT_FALSE(ParseDriveOption("A:=/x,floppy", error));
+  EXPECT_FALSE(ParseDriveOption("A:=/x,cluster=1000", error));
 }
 
 TEST(ToolParts, GlobsMatchArchivePaths) {
