@@ -407,18 +407,10 @@ TEST(AddingDecisions, TemporaryFolderTooLongForTheNameBuffer) {
 // fails with the reported code, and the file it named was never reserved
 // for the add, so it is left alone.
 TEST(AddingDecisions, FailedTemporaryFileLeavesTheNameItReportedAlone) {
-  struct NoTemporary : Host {
-    CString name;
-    UINT GetTempCompressFile(CString& result, UINT, const WCHAR*) const override {
-      result = name;
-      SetLastError(ERROR_ACCESS_DENIED);
-      return 0;
-    }
-  };
   TempDir dir;
   WriteFile(dir.Host("source/f.txt"), "x");
   WriteFile(dir.Host("precious"), "the host's own file");
-  NoTemporary host;
+  test::NamesTemporaryThenFails<Host> host;
   host.name = dir.Win("precious");
   ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
   EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);

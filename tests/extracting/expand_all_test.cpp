@@ -165,14 +165,7 @@ TEST_F(ExtractTest, CancelInSecondExpandNotifyLeavesNoOutputAndNoTemporaryFile) 
 TEST_F(ExtractTest, FailedTemporaryFileLeavesTheNameItReportedAlone) {
   // A host's temporary-file member that fails after naming a file: that
   // file was never reserved by the library and must not be deleted.
-  struct NoTemporary : Recorder {
-    CString name;
-    UINT GetTempCompressFile(CString& result, UINT, const WCHAR*) const override {
-      result = name;
-      SetLastError(ERROR_ACCESS_DENIED);
-      return 0;
-    }
-  } host;
+  test::NamesTemporaryThenFails<Recorder> host;
   WriteArchive({File("", "f.txt", "contents")});
   WriteFile(tmp.Host("precious"), "the host's own file");
   host.name = Win(tmp.Host("precious"));

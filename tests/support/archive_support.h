@@ -173,4 +173,16 @@ private:
   std::string previous_;
 };
 
+// A host whose temporary-file member names `name` and then fails with
+// ERROR_ACCESS_DENIED: the named file was never reserved by the library, so
+// an add or extract that fails this way must leave it alone.
+template <class Base> struct NamesTemporaryThenFails : Base {
+  CString name;
+  UINT GetTempCompressFile(CString& result, UINT, const WCHAR*) const override {
+    result = name;
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+};
+
 } // namespace test
