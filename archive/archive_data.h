@@ -4,6 +4,8 @@
 
 #include <talvern/archive.h>
 
+#include "engine/compress_ahead.h"
+
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -75,6 +77,13 @@ struct CArchiveFileData {
   // answered by a host from one answered by the defaults (whose exchange
   // would otherwise repeat without end).
   DWORD DefaultAnswers = 0;
+
+  // Speed settings (SetCompressThreads, SetDirectTransfer, SetTestOnly) and
+  // the compression ahead of a CompressAll walk while it runs.
+  DWORD CompressThreads = 1;
+  bool DirectTransfer = false;
+  bool TestOnly = false;
+  std::unique_ptr<talvern::engine::CompressAhead> Ahead;
 
   // The effective size limit of the current volume: 0 means no limit.
   // (0xFFFFFFFF is returned as it is; callers treat it as no limit.)

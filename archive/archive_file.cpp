@@ -149,6 +149,13 @@ void CArchiveFile::SetMediaChanged() { m_Data->Flags |= FlagMediaChanged; }
 
 void CArchiveFile::ClearMediaChanged() { m_Data->Flags &= ~FlagMediaChanged; }
 
+void CArchiveFile::SetCompressThreads(DWORD threads) { m_Data->CompressThreads = threads; }
+DWORD CArchiveFile::GetCompressThreads() const { return m_Data->CompressThreads; }
+void CArchiveFile::SetDirectTransfer(int direct) { m_Data->DirectTransfer = direct != 0; }
+int CArchiveFile::IsDirectTransfer() const { return m_Data->DirectTransfer ? 1 : 0; }
+void CArchiveFile::SetTestOnly(int testOnly) { m_Data->TestOnly = testOnly != 0; }
+int CArchiveFile::IsTestOnly() const { return m_Data->TestOnly ? 1 : 0; }
+
 // ---- Paths --------------------------------------------------------------------------------
 
 CString CArchiveFile::GetFullPath(const WCHAR* path, int* finalComponent) const {

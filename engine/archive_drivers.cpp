@@ -2,13 +2,18 @@
 // that compress or expand one file into another for an archive entry.
 #include <talvern/archive.h>
 
+#include "archive/archive_data.h"
 #include "engine/block.h"
 #include "engine/code_format1.h"
+#include "engine/entry_data.h"
 #include "foundation/handles.h"
 
 #include <initializer_list>
 #include <memory>
 #include <new>
+
+using talvern::engine::PrepareEngine;
+using talvern::engine::ProgressTarget;
 
 namespace {
 
@@ -91,41 +96,12 @@ std::uint64_t OriginalSize(const CArchiveEntry& entry) {
          entry.FindData.nFileSizeLow;
 }
 
-// What the progress hook hears besides the count.
-struct HookContext {
-  CArchiveFile* host;
-  const WCHAR* arg1;
-  const WCHAR* arg2;
-  const WCHAR* arg3;
-  const CArchiveEntry* entry;
-  const CArchiveSize* size;
-};
-
-// A method-1 engine with the drivers' parameters, reporting to the host's
-// CompressNotify (compressing) or ExpandNotify with `count` as the running
-// byte count. The host hears of the start at once (its answer counts only
-// from the first transfer on).
-void PrepareEngine(CEncodeDecode1& engine, const HookContext& hook, CArchiveSize& count,
-                   DWORD compressing) {
-  engine.Create(talvern::engine::DriverDicBits, talvern::engine::DriverMaxMatch);
-  engine.Host = hook.host;
-  engine.NotifyArg1 = hook.arg1;
-  engine.NotifyArg2 = hook.arg2;
-  engine.NotifyArg3 = hook.arg3;
-  engine.NotifyEntry = hook.entry;
-  engine.NotifySize = hook.size;
-  engine.NotifyCount = &count;
-  engine.Compressing = compressing;
-  engine.ReadNotify(0);
-  engine.WriteNotify(0);
-}
-
 // Method 1 between the two files: compressing reads the source through a
 // notifying stream and writes the bit stream; expanding the other way round.
-bool RunFormatOne(DWORD& error, const HookContext& hook, const DriverFiles& files, bool compressing,
-                  DWORD& sum, CArchiveSize& count) {
+bool RunFormatOne(DWORD& error, const ProgressTarget& hook, const DriverFiles& files,
+                  bool compressing, DWORD& sum, CArchiveSize& count) {
   CEncodeDecode1 engine;
-  PrepareEngine(engine, hook, count, compressing ? 1 : 0);
+  PrepareEngine(engine, hook, count, compressing);
   CFileBit bits;
   if (compressing)
     bits.SetFile(files.Target());
@@ -149,7 +125,7 @@ bool RunFormatOne(DWORD& error, const HookContext& hook, const DriverFiles& file
 // Opens the files, runs the method and closes the files; true when all of
 // it succeeded and the bytes counted match the entry's original size (else
 // 29). `sum` receives the CRC of the uncompressed side.
-bool RunDriver(DWORD& error, const HookContext& hook, const WCHAR* target, const WCHAR* source,
+bool RunDriver(DWORD& error, const ProgressTarget& hook, const WCHAR* target, const WCHAR* source,
                DWORD method, bool compressing, DWORD& sum) {
   DriverFiles files;
   CArchiveSize count(0);
@@ -174,6 +150,43 @@ bool RunDriver(DWORD& error, const HookContext& hook, const WCHAR* target, const
   return true;
 }
 
+// Writes a file compressed ahead into the target as the compressing driver
+// would have written it, after telling the host of the compression's
+// progress. The checks are the driver's: 29 when the bytes read differ
+// from the entry's size.
+bool StorePrepared(DWORD& error, const ProgressTarget& hook,
+                   const talvern::engine::PreparedFile& prepared, const WCHAR* target, DWORD& crc) {
+  ScopedHandle output(CreateFileW(target, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                  DriverFileFlags, nullptr));
+  if (!output.IsValid()) {
+    error = GetLastError();
+    return false;
+  }
+  if (!talvern::engine::ReplayCompressProgress(hook, prepared.data.reads)) {
+    output.Close();
+    error = ERROR_CANCELLED;
+    return false;
+  }
+  const std::vector<BYTE>& bytes = prepared.data.bytes;
+  DWORD written = 0;
+  if (!bytes.empty() && (!WriteFile(output.Get(), bytes.data(), static_cast<DWORD>(bytes.size()),
+                                    &written, nullptr) ||
+                         written != bytes.size())) {
+    error = GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_DISK_FULL;
+    return false;
+  }
+  if (!output.Close()) {
+    error = GetLastError();
+    return false;
+  }
+  if (prepared.data.bytesRead != OriginalSize(*hook.entry)) {
+    error = ERROR_WRITE_FAULT;
+    return false;
+  }
+  crc = prepared.data.crc;
+  return true;
+}
+
 } // namespace
 
 DWORD CArchiveFile::GetCompressType(DWORD requested) const {
@@ -195,7 +208,11 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
                                const WCHAR* arg3, const CArchiveEntry& entry,
                                const CArchiveSize& size, const WCHAR* target, const WCHAR* source,
                                DWORD method, DWORD& crc) {
-  const HookContext hook{this, arg1, arg2, arg3, &entry, &size};
+  const ProgressTarget hook{this, arg1, arg2, arg3, &entry, &size};
+  if (m_Data->Ahead && method == talvern::engine::MethodFormat1) {
+    if (auto prepared = m_Data->Ahead->TakeUnchanged(source))
+      return StorePrepared(error, hook, *prepared, target, crc) ? TRUE : FALSE;
+  }
   DWORD sum = 0;
   if (!RunDriver(error, hook, target, source, method, true, sum)) return FALSE;
   crc = sum;
@@ -205,7 +222,7 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
 int CArchiveFile::ExecExpand(DWORD& error, const WCHAR* arg1, const WCHAR* arg2, const WCHAR* arg3,
                              const CArchiveEntry& entry, const CArchiveSize& size,
                              const WCHAR* target, const WCHAR* source, DWORD method, DWORD crc) {
-  const HookContext hook{this, arg1, arg2, arg3, &entry, &size};
+  const ProgressTarget hook{this, arg1, arg2, arg3, &entry, &size};
   DWORD sum = 0;
   if (!RunDriver(error, hook, target, source, method, false, sum)) return FALSE;
   if (sum != crc) {

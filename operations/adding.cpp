@@ -11,6 +11,8 @@
 // continues the entry on the next volume.
 #include "archive/archive_data.h"
 #include "archive/volume_io.h"
+#include "engine/entry_data.h"
+#include "engine/streams.h"
 #include "foundation/handles.h"
 #include "foundation/paths.h"
 #include "operations/item_rules.h"
@@ -18,9 +20,11 @@
 #include "volumes/naming.h"
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <new>
 
+using talvern::engine::ProgressTarget;
 using volume_io::LastErrorOr;
 using volume_io::QuerySize;
 using volume_io::SeekTo;
@@ -118,6 +122,40 @@ DWORD WriteFillingMedium(HANDLE file, const BYTE* bytes, DWORD count, DWORD clus
   return written;
 }
 
+// Starts compressing the files below base\folder ahead of the walk when the
+// host asked for more than one thread.
+void StartCompressAhead(CArchiveFileData& d, const CString& base, const CString& folder,
+                        DWORD srch) {
+  const unsigned workers = talvern::engine::CompressAhead::WorkersFor(d.CompressThreads);
+  if (workers > 1)
+    d.Ahead = std::make_unique<talvern::engine::CompressAhead>(workers, base, folder, srch);
+}
+
+CString JoinFolder(const CString& folder, const WCHAR* name) {
+  CString joined = folder;
+  if (!joined.empty()) joined += u'\\';
+  joined += name;
+  return joined;
+}
+
+// Reads a whole file of `size` bytes into memory with its CRC: the stored
+// method's data, taken as the stored method's driver takes it.
+bool ReadWhole(DWORD& error, HANDLE file, std::uint64_t size,
+               talvern::engine::CompressedData& out) {
+  out.bytes.resize(static_cast<std::size_t>(size));
+  CFileCRC stream;
+  stream.SetFile(file, size);
+  const DWORD got = size != 0 ? stream.Read(out.bytes.data(), static_cast<DWORD>(size)) : 0;
+  if (stream.HasError()) {
+    error = stream.Error;
+    return false;
+  }
+  out.bytes.resize(got);
+  out.crc = stream.Crc;
+  out.bytesRead = got;
+  return true;
+}
+
 // Records code as the one error of the operation, whatever was latched.
 void ReplaceError(CArchiveFile& archive, DWORD code) {
   archive.ClearError();
@@ -156,7 +194,9 @@ int CArchiveFile::CompressAll(const WCHAR* sourcePath, CSrchFlags srch, CAttrFla
     if (result) {
       entry.Clear();
       m_Data->Flags |= FlagBusy;
+      StartCompressAhead(*m_Data, source, CString(), srch);
       result = DoCompressAll(root.c_str(), source.c_str(), entry, srch, attr);
+      m_Data->Ahead.reset();
       m_Data->Flags &= ~FlagBusy;
     }
   }
@@ -222,7 +262,11 @@ int CArchiveFile::Compress(const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlag
     d.Flags |= FlagHeaderDirty;
     entry.CompressType = GetRequestCompressType(entry, srch, attr);
     d.Flags |= FlagBusy;
+    if ((fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) &&
+        !(fd.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) && !(srch & SrchNoRecurse))
+      StartCompressAhead(d, base, JoinFolder(entry.Path, fd.cFileName), srch);
     const int stored = DoCompress(root.c_str(), base.c_str(), entry, srch, attr);
+    d.Ahead.reset();
     d.Flags &= ~FlagBusy;
     return stored;
   };
@@ -324,9 +368,66 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
                           CArchiveSize(written));
   };
 
+  // With direct transfer, a file small enough is compressed into memory
+  // (or taken as compressed ahead); the data to store is then that memory
+  // or the source itself.
+  std::vector<BYTE> memory;
+  bool inMemory = false;
+  auto prepareInMemory = [&]() -> int {
+    const CArchiveSize noSize;
+    const ProgressTarget hook{this, root, baseDir, folder.c_str(), &entry, &noSize};
+    talvern::engine::CompressedData compressed;
+    std::unique_ptr<talvern::engine::PreparedFile> prepared;
+    if (d.Ahead && entry.CompressType != 0) prepared = d.Ahead->TakeUnchanged(source);
+    if (prepared) {
+      if (!talvern::engine::ReplayCompressProgress(hook, prepared->data.reads)) return cancel();
+      compressed = std::move(prepared->data);
+    } else {
+      data.Reset(OpenForScan(source.c_str()));
+      std::uint64_t size = 0;
+      if (!data.IsValid() || !QuerySize(data.Get(), size)) {
+        SetErrorCode(LastErrorOr());
+        return 0;
+      }
+      DWORD error = ERROR_SUCCESS;
+      const bool done =
+          entry.CompressType != 0
+              ? talvern::engine::CompressToMemory(error, data.Get(), size, compressed, &hook)
+              : ReadWhole(error, data.Get(), size, compressed);
+      data.Close();
+      if (!done) {
+        // A cancellation replaces whatever was latched before it.
+        if (error == ERROR_CANCELLED) ClearError();
+        SetErrorCode(error);
+        return 0;
+      }
+    }
+    if (compressed.bytesRead != originalSize) {
+      SetErrorCode(ERROR_WRITE_FAULT);
+      return 0;
+    }
+    entry.Crc = compressed.crc;
+    if (entry.CompressType == 0 || compressed.bytes.size() < originalSize) {
+      memory = std::move(compressed.bytes);
+      inMemory = true;
+      entry.PackedSize = memory.size();
+      return 1;
+    }
+    entry.CompressType = 0;
+    data.Reset(OpenForScan(source.c_str()));
+    if (!data.IsValid()) {
+      SetErrorCode(LastErrorOr());
+      return 0;
+    }
+    entry.PackedSize = originalSize;
+    return 1;
+  };
+
   // Compresses a file into the temporary file and opens whichever of the
   // two is smaller as the data to store.
   auto prepareData = [&]() -> int {
+    if (d.DirectTransfer && originalSize <= talvern::engine::DirectTransferLimit)
+      return prepareInMemory();
     // Only a name the call reports as reserved is deleted afterwards: on
     // failure whatever it put in the name is not the add's.
     CString reserved;
@@ -384,7 +485,10 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
         position % cluster ? cluster - static_cast<DWORD>(position % cluster) : bufferSize;
     for (;;) {
       DWORD got = 0;
-      if (!ReadFile(data.Get(), buffer.get(), request, &got, nullptr)) {
+      if (inMemory) {
+        got = static_cast<DWORD>(std::min<std::uint64_t>(request, memory.size() - consumed));
+        if (got != 0) std::memcpy(buffer.get(), memory.data() + consumed, got);
+      } else if (!ReadFile(data.Get(), buffer.get(), request, &got, nullptr)) {
         SetErrorCode(LastErrorOr());
         return 0;
       }
@@ -423,7 +527,7 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
         request = bufferSize - static_cast<DWORD>(position % bufferSize);
         // The archive goes on right behind the continuation record; the
         // unwritten rest of the buffer is read again.
-        if (!SeekTo(d.Handle, position) || !SeekTo(data.Get(), consumed)) {
+        if (!SeekTo(d.Handle, position) || (!inMemory && !SeekTo(data.Get(), consumed))) {
           SetErrorCode(LastErrorOr());
           return 0;
         }

@@ -15,6 +15,7 @@
 // created for it is removed again.
 #include "archive/archive_data.h"
 #include "archive/volume_io.h"
+#include "engine/entry_data.h"
 #include "foundation/handles.h"
 #include "foundation/paths.h"
 #include "operations/extracting_support.h"
@@ -24,6 +25,7 @@
 
 #include <memory>
 #include <new>
+#include <vector>
 
 using volume_io::LastErrorOr;
 
@@ -31,6 +33,42 @@ namespace {
 
 constexpr DWORD kCopyLimit = 262144; // largest copy buffer, and largest cluster accepted
 constexpr DWORD kContinuedBit = 0x80000000u;
+
+// Decodes an entry's stored data, read from `data` starting at `from` (a
+// file's position; 0 for memory), into the output, or into nothing when
+// `output` is null, with the progress calls and checks of ExecExpand.
+bool ExpandDirect(CArchiveFile& archive, const talvern::engine::StoredData& data,
+                  std::uint64_t from, const WCHAR* targetDir, const WCHAR* root,
+                  const WCHAR* folder, const CArchiveEntry& entry, std::uint64_t passed,
+                  const WCHAR* output, DWORD method) {
+  DWORD error = ERROR_SUCCESS;
+  bool ok = data.memory != nullptr || volume_io::SeekTo(data.file, from);
+  if (!ok) error = LastErrorOr();
+  ScopedHandle target;
+  if (ok && output != nullptr) {
+    target.Reset(CreateFileW(output, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                             FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    if (!target.IsValid()) {
+      error = LastErrorOr();
+      ok = false;
+    }
+  }
+  if (ok) {
+    const CArchiveSize size(passed);
+    const talvern::engine::ProgressTarget progress{&archive, targetDir, root,
+                                                   folder,   &entry,    &size};
+    ok = talvern::engine::ExpandStored(error, progress, data, target.Get(), method, entry.Crc);
+  }
+  if (!target.Close() && ok) {
+    error = LastErrorOr();
+    ok = false;
+  }
+  if (ok) return true;
+  // A cancellation replaces whatever was latched before it.
+  if (error == ERROR_CANCELLED) archive.ClearError();
+  archive.SetErrorCode(error);
+  return false;
+}
 
 bool IsDirectoryEntry(const CArchiveEntry& entry) {
   return (entry.FindData.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
@@ -286,7 +324,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
   }
 
   bool created = false;
-  if (ok && !skip && createsOutput) {
+  if (ok && !skip && createsOutput && !d.TestOnly) {
     const std::unique_ptr<BYTE[]> descriptor = PrepareDescriptor(entry, restoreSecurity);
     CString replacement;
     int r = 0;
@@ -313,8 +351,22 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
 
   if (ok && !isDirectory) {
     // ---- A file: stored data into the temporary file, then decoded --------
+    // With direct transfer (or when only testing) the data of a file held
+    // in one volume is decoded straight from the archive, and that of a
+    // split file small enough from memory; the host hears the same
+    // progress as with the temporary file.
+    const bool direct = !skip && (d.DirectTransfer || d.TestOnly);
+    const bool continued = (entry.CompressType & kContinuedBit) != 0;
+    enum class Sink { Nothing, Temporary, Memory };
+    Sink sink = Sink::Nothing;
+    if (!skip && !(direct && !continued))
+      sink = direct && entry.PackedSize.GetValue() <= talvern::engine::DirectTransferLimit
+                 ? Sink::Memory
+                 : Sink::Temporary;
+    std::vector<BYTE> memory;
+
     ScopedTempFile temporary;
-    if (!skip) {
+    if (sink == Sink::Temporary) {
       // Only a name the call reports as reserved is deleted afterwards: on
       // failure whatever it put in the name is not ours.
       CString reserved;
@@ -332,6 +384,18 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
         }
       }
     }
+    // Decoding straight from the archive needs all of the data there.
+    if (ok && direct && !continued) {
+      std::uint64_t size = 0;
+      if (!volume_io::QuerySize(d.Handle, size)) {
+        SetErrorCode(LastErrorOr());
+        ok = false;
+      } else if (size < entry.DataOffset.GetValue() ||
+                 size - entry.DataOffset.GetValue() < entry.DataSize.GetValue()) {
+        SetErrorCode(ERROR_HANDLE_EOF);
+        ok = false;
+      }
+    }
 
     // D: stored-data bytes of this entry passed so far, over all volumes.
     std::uint64_t passed = 0;
@@ -347,7 +411,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
     while (ok) {
       // One volume part of the entry.
       std::uint64_t left = entry.DataSize.GetValue();
-      if (!skip && !volume_io::SeekTo(d.Handle, entry.DataOffset.GetValue())) {
+      if (sink != Sink::Nothing && !volume_io::SeekTo(d.Handle, entry.DataOffset.GetValue())) {
         SetErrorCode(LastErrorOr());
         ok = false;
         break;
@@ -356,11 +420,17 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
       while (ok && left > 0) {
         if (piece > left) piece = left;
         const DWORD count = static_cast<DWORD>(piece);
-        if (!skip && (!volume_io::ReadAll(d.Handle, buffer.get(), count, ERROR_HANDLE_EOF) ||
-                      !volume_io::WriteAll(temporary.File().Get(), buffer.get(), count))) {
-          SetErrorCode(LastErrorOr());
-          ok = false;
-          break;
+        if (sink != Sink::Nothing) {
+          const bool moved =
+              volume_io::ReadAll(d.Handle, buffer.get(), count, ERROR_HANDLE_EOF) &&
+              (sink == Sink::Memory
+                   ? (memory.insert(memory.end(), buffer.get(), buffer.get() + count), true)
+                   : volume_io::WriteAll(temporary.File().Get(), buffer.get(), count));
+          if (!moved) {
+            SetErrorCode(LastErrorOr());
+            ok = false;
+            break;
+          }
         }
         left -= piece;
         if (passed + piece < passed) {
@@ -392,8 +462,24 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
       break;
     }
 
+    if (ok && direct) {
+      talvern::engine::StoredData data;
+      if (sink == Sink::Memory) {
+        data.memory = memory.data();
+        data.size = memory.size();
+      } else if (sink == Sink::Temporary) {
+        data.file = temporary.File().Get();
+        data.size = passed;
+      } else {
+        data.file = d.Handle;
+        data.size = entry.DataSize.GetValue();
+      }
+      ok = ExpandDirect(*this, data, sink == Sink::Nothing ? entry.DataOffset.GetValue() : 0,
+                        targetDir, root, folder.c_str(), entry, passed,
+                        d.TestOnly ? nullptr : outputPath.c_str(), method);
+    }
     temporary.File().Close();
-    if (ok && !skip) {
+    if (ok && !skip && !direct) {
       DWORD error = ERROR_SUCCESS;
       if (!ExecExpand(error, targetDir, root, folder.c_str(), entry, CArchiveSize(passed),
                       outputPath.c_str(), temporary.c_str(), method, entry.Crc)) {

@@ -74,6 +74,8 @@ std::string CommandHelp(Command command) {
                        "  --volume-size SIZE        largest size of each volume (1K to 4G)\n"
                        "  --first-volume-size SIZE  a different size for the first volume\n"
                        "  --store                   store the data without compressing it\n"
+                       "  -j N, --threads N         compress with N threads (default: one per\n"
+                       "                            processor); the archive is the same\n"
                        "  --force                   replace an existing archive\n"
                        "  --dirs-only               store only the folders\n"
                        "  --no-dirs                 store only the files at the top level\n") +
@@ -86,7 +88,7 @@ std::string CommandHelp(Command command) {
                        "goes on in new volumes; without --volume-size it keeps the size of its\n"
                        "largest full volume.\n"
                        "\n"
-                       "  --volume-size SIZE, --first-volume-size SIZE, --store,\n"
+                       "  --volume-size SIZE, --first-volume-size SIZE, --store, -j N,\n"
                        "  --dirs-only, --no-dirs    as for create\n") +
            kDrive + "\n" + kSelection + "\n" + kAttributes + "\n" + kCommon;
   case Command::Extract:

@@ -58,7 +58,38 @@ void Totals::Add(const CArchiveEntry& entry) {
 
 Host::Host(const Options& options, OverwritePolicy overwrite, Progress& progress, Drives& drives)
     : options_(options), overwrite_(overwrite), progress_(progress), drives_(drives),
-      filter_(options.includes, options.excludes) {}
+      filter_(options.includes, options.excludes) {
+  // The tool overrides neither the temporary-file member nor the drivers
+  // for their own sake: its files go through memory, several at a time.
+  SetDirectTransfer(1);
+  SetCompressThreads(options.threads);
+}
+
+void Host::SetMode(HostMode mode) {
+  mode_ = mode;
+  SetTestOnly(mode == HostMode::Test ? 1 : 0);
+}
+
+namespace {
+
+// Failures of a file's own data: it could not be read, or it changed while
+// it was read, or its stored data did not check out.
+bool IsSourceFailure(DWORD code) {
+  switch (code) {
+  case ERROR_WRITE_FAULT: // the file changed size while it was read
+  case ERROR_READ_FAULT:
+  case ERROR_IO_DEVICE:
+  case ERROR_ACCESS_DENIED:
+  case ERROR_SHARING_VIOLATION:
+  case ERROR_FILE_NOT_FOUND:
+  case ERROR_PATH_NOT_FOUND:
+    return true;
+  default:
+    return false;
+  }
+}
+
+} // namespace
 
 Host::~Host() = default;
 
@@ -505,6 +536,19 @@ int Host::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& ent
     return 1;
   }
   const DWORD code = GetErrorCode();
+  // Files held in memory are read by the library itself, without the
+  // compressing member that tells of the source's own failures.
+  if (IsDirectTransfer() && !itemLocalFailure_ && IsSourceFailure(code)) {
+    itemLocalFailure_ = true;
+    CString source = baseDir;
+    for (const CString& part : {entry.Path, CString(entry.FindData.cFileName)}) {
+      if (part.empty()) continue;
+      if (!source.empty()) source += u'\\';
+      source += part;
+    }
+    subject_ = ToHostPath(source.c_str());
+    activity_ = Activity::ReadSource;
+  }
   // A file that could not be read is left out when nothing of it reached
   // the archive; the others go on.
   if (isFile && itemLocalFailure_ && IsOpen() && GetDiskNo() == diskBefore &&
@@ -533,19 +577,7 @@ int Host::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg2, const
   CloseHandle(probe);
   if (!CArchiveFile::ExecCompress(error, arg1, arg2, arg3, entry, size, target, source, method,
                                   crc)) {
-    switch (error) {
-    case ERROR_WRITE_FAULT: // the file changed size while it was read
-    case ERROR_READ_FAULT:
-    case ERROR_IO_DEVICE:
-    case ERROR_ACCESS_DENIED:
-    case ERROR_SHARING_VIOLATION:
-    case ERROR_FILE_NOT_FOUND:
-    case ERROR_PATH_NOT_FOUND:
-      itemLocalFailure_ = true;
-      break;
-    default:
-      break;
-    }
+    if (IsSourceFailure(error)) itemLocalFailure_ = true;
     return 0;
   }
   subject_ = ArchiveHostPath();
@@ -570,6 +602,9 @@ int Host::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEntry& ent
     return 1;
   }
   const DWORD code = GetErrorCode();
+  // Decoded without the expanding member: its size and CRC checks fail
+  // here.
+  if (code == ERROR_CRC || code == ERROR_WRITE_FAULT) itemLocalFailure_ = true;
   // A file whose output could not be made, or whose data did not check out,
   // is reported and the walk goes on: the search is already behind it,
   // unless its data goes on in a further volume.

@@ -48,7 +48,8 @@ public:
   Host(const Options& options, OverwritePolicy overwrite, Progress& progress, Drives& drives);
   ~Host() override;
 
-  void SetMode(HostMode mode) { mode_ = mode; }
+  // Testing decodes and checks without creating anything.
+  void SetMode(HostMode mode);
 
   // Names the archive (FileName) and keeps the name and limit, so that a
   // walk can go back to volume 0 after the name became a volume's name.

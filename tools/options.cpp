@@ -301,6 +301,17 @@ std::optional<Options> ParseCommandLine(const std::vector<std::string>& args, st
       if (!noValue()) return std::nullopt;
       o.store = true;
       used.emplace_back(arg, kWriting);
+    } else if (arg == "-j" || arg == "--threads" || (arg.rfind("-j", 0) == 0 && arg.size() > 2)) {
+      std::string text = arg.size() > 2 && arg[1] == 'j' ? arg.substr(2) : std::string();
+      if (text.empty() && !value(text)) return std::nullopt;
+      const bool digits = !text.empty() && text.size() <= 3 &&
+                          text.find_first_not_of("0123456789") == std::string::npos;
+      if (!digits || std::stoul(text) < 1 || std::stoul(text) > 256) {
+        error = "-j needs a number of threads from 1 to 256";
+        return std::nullopt;
+      }
+      o.threads = static_cast<unsigned>(std::stoul(text));
+      used.emplace_back("-j", kWriting);
     } else if (arg == "--force") {
       if (!noValue()) return std::nullopt;
       o.force = true;

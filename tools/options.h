@@ -38,6 +38,7 @@ struct Options {
   std::uint64_t firstVolumeSize = 0; // 0: as volumeSize
   bool store = false;
   bool force = false;
+  unsigned threads = 0; // -j: compressing threads; 0: one per processor
   CArchiveFile::CSrchFlags srch = static_cast<CArchiveFile::CSrchFlags>(0);
   CArchiveFile::CAttrFlags attr = CArchiveFile::AttrNoSecurity;
   std::vector<std::string> includes;

@@ -181,6 +181,28 @@ public:
   void ClearDefaultLastAccessTime();
   const FILETIME& DefaultLastAccessTime() const;
 
+  // ---- Speed -----------------------------------------------------------------
+  // Threads that compress files ahead of the adding walk of CompressAll and
+  // Compress (1: none, the default; 0: one per processor). The archive's
+  // bytes and the calls of every member a host overrides stay exactly those
+  // of a single thread: the walk and all hooks run on the caller's thread,
+  // in the same order, with the same arguments.
+  void SetCompressThreads(DWORD threads);
+  DWORD GetCompressThreads() const;
+  // Direct transfer (off by default): adding and extracting move a file's
+  // data between the archive and memory (or, for a file held in one
+  // volume, straight from the archive) instead of through a temporary
+  // file. GetTempCompressFile, ExecCompress and ExecExpand are then not
+  // called for such files; every other call, and the progress hooks with
+  // their arguments, stay as they are.
+  void SetDirectTransfer(int direct);
+  int IsDirectTransfer() const;
+  // Test only (off by default): extraction decodes every selected file and
+  // checks its size and CRC, but creates, changes and writes nothing;
+  // DoCreate is not called. Implies direct transfer.
+  void SetTestOnly(int testOnly);
+  int IsTestOnly() const;
+
   // ---- State -----------------------------------------------------------------
   int IsOpen() const;
   int IsReadable() const;

@@ -1,0 +1,178 @@
+// Compression ahead of an adding walk, on worker threads.
+#include "engine/compress_ahead.h"
+
+#include "foundation/handles.h"
+#include "operations/item_rules.h"
+
+#include <algorithm>
+
+namespace talvern::engine {
+namespace {
+
+constexpr DWORD kNoFiles = 0x00000010;   // only folders are walked
+constexpr DWORD kNoRecurse = 0x00008000; // folders are stored, not entered
+constexpr DWORD kNoFolders = 0x00100000; // no folder pass at all
+
+bool IsDotName(const WCHAR* name) {
+  return name[0] == u'.' && (name[1] == 0 || (name[1] == u'.' && name[2] == 0));
+}
+
+std::uint64_t SizeOf(const WIN32_FIND_DATAW& data) {
+  return static_cast<std::uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow;
+}
+
+} // namespace
+
+unsigned CompressAhead::WorkersFor(DWORD requested) {
+  if (requested != 0) return requested;
+  const unsigned cores = std::thread::hardware_concurrency();
+  return cores != 0 ? cores : 1;
+}
+
+CompressAhead::CompressAhead(unsigned workers, const CString& baseDir, const CString& folder,
+                             DWORD srch, std::uint64_t budget, std::uint64_t largest)
+    : budget_(budget), largest_(largest) {
+  threads_.emplace_back([this, baseDir, folder, srch] { Walk(baseDir, folder, srch); });
+  for (unsigned i = 0; i < std::max(workers, 1u); ++i) threads_.emplace_back([this] { Work(); });
+}
+
+CompressAhead::~CompressAhead() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = true;
+  }
+  changed_.notify_all();
+  for (std::thread& thread : threads_) thread.join();
+}
+
+// The walk of the adding operation: one pass over a folder's folders, each
+// entered at once, then one over its files.
+void CompressAhead::Walk(const CString& baseDir, const CString& folder, DWORD srch) {
+  static const WCHAR kEverything[] = {u'*', u'.', u'*', 0};
+  const CString pattern = JoinItemPath(baseDir.c_str(), folder, kEverything);
+  for (const bool folders : {true, false}) {
+    if (folders && (srch & kNoFolders)) continue;
+    if (!folders && (srch & kNoFiles)) continue;
+    WIN32_FIND_DATAW data{};
+    ScopedFind find(pattern.c_str(), data);
+    if (!find.IsValid()) return;
+    do {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stop_) return;
+      }
+      const bool isFolder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+      if (isFolder != folders) continue;
+      if (isFolder) {
+        // Folders reached through links are stored but not entered.
+        if (IsDotName(data.cFileName) || (srch & kNoRecurse) ||
+            (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT))
+          continue;
+        CString inner = folder;
+        if (!inner.empty()) inner += u'\\';
+        inner += data.cFileName;
+        Walk(baseDir, inner, srch);
+      } else {
+        const std::uint64_t size = SizeOf(data);
+        if (size > largest_) continue;
+        if (!Submit(JoinItemPath(baseDir.c_str(), folder, data.cFileName), size)) return;
+      }
+    } while (find.Next(data));
+  }
+}
+
+// Queues a file once the bytes held ahead leave room for it; false when
+// the work is being stopped.
+bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
+  auto job = std::make_shared<Job>();
+  job->file = std::make_unique<PreparedFile>();
+  job->file->name = name;
+  job->file->size = size;
+  std::unique_lock<std::mutex> lock(mutex_);
+  walkerWaits_ = true;
+  changed_.wait(lock, [&] { return stop_ || jobs_.empty() || held_ + size <= budget_; });
+  walkerWaits_ = false;
+  if (stop_) return false;
+  held_ += size;
+  jobs_.push_back(std::move(job));
+  changed_.notify_all();
+  return true;
+}
+
+void CompressAhead::Release(const Job& job) { held_ -= job.file->size; }
+
+void CompressAhead::Work() {
+  for (;;) {
+    std::shared_ptr<Job> job;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      changed_.wait(lock, [&] {
+        if (stop_) return true;
+        return std::any_of(jobs_.begin(), jobs_.end(), [](const auto& j) { return !j->started; });
+      });
+      if (stop_) return;
+      job = *std::find_if(jobs_.begin(), jobs_.end(), [](const auto& j) { return !j->started; });
+      job->started = true;
+    }
+
+    PreparedFile& file = *job->file;
+    const ScopedHandle source(
+        CreateFileW(file.name.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                    FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    if (source.IsValid()) {
+      DWORD high = 0;
+      SetLastError(NO_ERROR);
+      const DWORD low = GetFileSize(source.Get(), &high);
+      const bool sized = !(low == INVALID_FILE_SIZE && GetLastError() != NO_ERROR);
+      DWORD error = ERROR_SUCCESS;
+      if (sized && GetFileTime(source.Get(), nullptr, nullptr, &file.lastWrite)) {
+        file.size = static_cast<std::uint64_t>(high) << 32 | low;
+        file.ok = CompressToMemory(error, source.Get(), file.size, file.data);
+      }
+    }
+
+    std::lock_guard<std::mutex> lock(mutex_);
+    job->done = true;
+    changed_.notify_all();
+  }
+}
+
+std::unique_ptr<PreparedFile> CompressAhead::Take(const CString& name) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  const auto found = std::find_if(jobs_.begin(), jobs_.end(),
+                                  [&](const auto& j) { return j->file->name == name; });
+  if (found == jobs_.end()) {
+    // The walk is past every file held ahead when the walker waits for
+    // room: make room, so that it goes on.
+    if (walkerWaits_) {
+      for (const auto& job : jobs_) Release(*job);
+      jobs_.clear();
+      changed_.notify_all();
+    }
+    return nullptr;
+  }
+  // Files before it were left out by the walk: drop them.
+  std::shared_ptr<Job> job = *found;
+  for (auto it = jobs_.begin(); it != found; ++it) Release(**it);
+  jobs_.erase(jobs_.begin(), found);
+  changed_.notify_all();
+  changed_.wait(lock, [&] { return job->done || stop_; });
+  if (!job->done) return nullptr;
+  Release(*job);
+  jobs_.pop_front();
+  changed_.notify_all();
+  return std::move(job->file);
+}
+
+std::unique_ptr<PreparedFile> CompressAhead::TakeUnchanged(const CString& name) {
+  std::unique_ptr<PreparedFile> prepared = Take(name);
+  if (!prepared || !prepared->ok) return nullptr;
+  WIN32_FIND_DATAW now{};
+  const ScopedFind find(name.c_str(), now);
+  if (!find.IsValid() || SizeOf(now) != prepared->size ||
+      CompareFileTime(&now.ftLastWriteTime, &prepared->lastWrite) != 0)
+    return nullptr;
+  return prepared;
+}
+
+} // namespace talvern::engine

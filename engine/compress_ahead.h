@@ -1,0 +1,90 @@
+// Compression ahead of an adding walk, on worker threads.
+//
+// While the walk stores one entry after the other on the host's thread, a
+// walker thread lists the same tree in the same order (folders first, each
+// followed by its subtree, then files) and worker threads compress the
+// files it finds into memory. When the walk reaches a file, it takes the
+// ready data instead of compressing the file itself, and tells the host of
+// the progress the compression made, call for call. What is written and
+// what the host hears are those of a walk without workers: the engine's
+// output does not depend on the thread it runs on.
+//
+// Nothing here calls the host: the walker and the workers use only the
+// file system. Files the walk never asks for (left out by the host's
+// selection) are dropped when the walk passes them; files that are too
+// large to hold in memory are left to the walk.
+#pragma once
+
+#include "engine/entry_data.h"
+
+#include <talvern/archive.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace talvern::engine {
+
+// One file compressed ahead, with what the file looked like when it was
+// read, so that the walk can tell whether it changed since.
+struct PreparedFile {
+  CString name;
+  std::uint64_t size = 0;
+  FILETIME lastWrite{};
+  bool ok = false; // the compression succeeded (otherwise the walk does it again)
+  CompressedData data;
+};
+
+class CompressAhead {
+public:
+  // Settings of the library's own use.
+  static constexpr std::uint64_t DefaultBudget = 24u << 20;            // source bytes held ahead
+  static constexpr std::uint64_t DefaultLargest = DirectTransferLimit; // larger: left to the walk
+
+  // Starts `workers` compressing threads and a walker over the tree below
+  // baseDir\folder that adding with these search flags would walk.
+  CompressAhead(unsigned workers, const CString& baseDir, const CString& folder, DWORD srch,
+                std::uint64_t budget = DefaultBudget, std::uint64_t largest = DefaultLargest);
+  ~CompressAhead();
+  CompressAhead(const CompressAhead&) = delete;
+  CompressAhead& operator=(const CompressAhead&) = delete;
+
+  // The compressed data of the file `name` (a full name as the walk builds
+  // it), waiting for it when it is being compressed; null when the file
+  // was not found ahead. Files found before it are dropped.
+  std::unique_ptr<PreparedFile> Take(const CString& name);
+  // As Take, but only data that was compressed without a failure from a
+  // file that still has the size and last-write time it had when read.
+  std::unique_ptr<PreparedFile> TakeUnchanged(const CString& name);
+
+  // Number of workers for a request: 0 means one per processor.
+  static unsigned WorkersFor(DWORD requested);
+
+private:
+  struct Job {
+    std::unique_ptr<PreparedFile> file;
+    bool started = false;
+    bool done = false;
+  };
+
+  void Walk(const CString& baseDir, const CString& folder, DWORD srch);
+  bool Submit(const CString& name, std::uint64_t size);
+  void Work();
+  void Release(const Job& job);
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<std::shared_ptr<Job>> jobs_; // in walk order
+  std::uint64_t held_ = 0;                // source bytes of the jobs in jobs_
+  std::uint64_t budget_;
+  std::uint64_t largest_;
+  bool stop_ = false;
+  bool walkerWaits_ = false; // the walker waits for room
+  std::vector<std::thread> threads_;
+};
+
+} // namespace talvern::engine

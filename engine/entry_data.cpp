@@ -1,0 +1,184 @@
+// An entry's data between open files, memory and nowhere, with the progress
+// calls and checks of the archive object's compression members.
+#include "engine/entry_data.h"
+
+#include "engine/bitstream.h"
+#include "engine/block.h"
+#include "engine/code_format1.h"
+#include "engine/lz_engine.h"
+
+#include <memory>
+#include <new>
+
+namespace talvern::engine {
+namespace {
+
+// Reads of stored data from a file go through pieces of this size.
+constexpr DWORD kFilePiece = 65536;
+
+std::uint64_t OriginalSize(const CArchiveEntry& entry) {
+  return static_cast<std::uint64_t>(entry.FindData.nFileSizeHigh) << 32 |
+         entry.FindData.nFileSizeLow;
+}
+
+// A summing source that keeps the byte count of every read, for progress
+// that is told to the host later.
+class CountingSource : public CFileCRC {
+public:
+  explicit CountingSource(std::vector<DWORD>& reads) : reads_(reads) {}
+  DWORD Read(void* buffer, DWORD count) override {
+    const DWORD n = CFileCRC::Read(buffer, count);
+    reads_.push_back(n);
+    return n;
+  }
+
+private:
+  std::vector<DWORD>& reads_;
+};
+
+void SetSource(CFileIO& stream, const StoredData& data) {
+  if (data.memory != nullptr)
+    stream.SetMemory(data.memory, data.size);
+  else
+    stream.SetFile(data.file, data.size);
+}
+
+} // namespace
+
+void PrepareEngine(CEncodeDecode1& engine, const ProgressTarget& target, CArchiveSize& count,
+                   bool compressing) {
+  engine.Create(DriverDicBits, DriverMaxMatch);
+  engine.Host = target.host;
+  engine.NotifyArg1 = target.arg1;
+  engine.NotifyArg2 = target.arg2;
+  engine.NotifyArg3 = target.arg3;
+  engine.NotifyEntry = target.entry;
+  engine.NotifySize = target.size;
+  engine.NotifyCount = &count;
+  engine.Compressing = compressing ? 1 : 0;
+  engine.ReadNotify(0);
+  engine.WriteNotify(0);
+}
+
+bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
+                      const ProgressTarget* progress) {
+  CEncodeDecode1 engine;
+  CArchiveSize count(0);
+  if (progress != nullptr)
+    PrepareEngine(engine, *progress, count, true);
+  else
+    engine.Create(DriverDicBits, DriverMaxMatch);
+  if (!engine.IsCreated()) {
+    error = ERROR_OUTOFMEMORY;
+    return false;
+  }
+  // Nine bits for a literal is the most any byte costs; the end code and
+  // the last partial byte fit in the slack.
+  const std::uint64_t capacity = size + size / 8 + 64;
+  try {
+    out.bytes.resize(static_cast<std::size_t>(capacity));
+    out.reads.clear();
+    if (progress == nullptr) out.reads.reserve(static_cast<std::size_t>(size / 8192 + 4));
+  } catch (const std::bad_alloc&) {
+    error = ERROR_OUTOFMEMORY;
+    return false;
+  }
+  CFileBit bits;
+  bits.SetMemory(out.bytes.data(), capacity);
+  if (!bits.Allocate()) {
+    error = ERROR_OUTOFMEMORY;
+    return false;
+  }
+  // With a host to tell, the engine tells it of every read as it happens;
+  // without one, the reads are kept for telling later.
+  const CArchiveSize limit(size);
+  CFileNotifyCRC told(source, &limit);
+  told.Target = &engine;
+  CountingSource kept(out.reads);
+  kept.SetFile(source, size);
+  CFileCRC& stream = progress != nullptr ? static_cast<CFileCRC&>(told) : kept;
+  DWORD e = ERROR_SUCCESS;
+  const BOOL done = engine.Encode(&stream, &bits, &e);
+  bits.Finish();
+  if (!done) {
+    error = e != ERROR_SUCCESS ? e : ERROR_GEN_FAILURE;
+    return false;
+  }
+  out.bytes.resize(static_cast<std::size_t>(bits.Position.GetValue()));
+  out.bytes.shrink_to_fit();
+  out.crc = stream.Crc;
+  out.bytesRead = stream.Position.GetValue();
+  return true;
+}
+
+bool ReplayCompressProgress(const ProgressTarget& target, const std::vector<DWORD>& reads) {
+  // The engine itself tells the host, so that the calls and their counts
+  // are those of a compression on this thread; it is destroyed with one
+  // last call, as after a compression.
+  CEncodeDecode1 engine;
+  CArchiveSize count(0);
+  PrepareEngine(engine, target, count, true);
+  engine.Aborted = 0;
+  for (const DWORD n : reads) {
+    engine.ReadNotify(n);
+    if (engine.Aborted) return false;
+  }
+  return true;
+}
+
+bool ExpandStored(DWORD& error, const ProgressTarget& progress, const StoredData& data,
+                  HANDLE target, DWORD method, DWORD crc) {
+  CArchiveSize count(0);
+  DWORD sum = 0;
+  DWORD e = ERROR_SUCCESS;
+  bool ok = false;
+  if (method == MethodFormat1) {
+    CEncodeDecode1 engine;
+    PrepareEngine(engine, progress, count, false);
+    CFileBit bits;
+    SetSource(bits, data);
+    if (!bits.Allocate(data.memory != nullptr ? CFileBit::DefaultBufferSize : kFilePiece)) {
+      error = ERROR_OUTOFMEMORY;
+      return false;
+    }
+    CFileNotifyCRC stream(target, nullptr);
+    if (target == INVALID_HANDLE_VALUE) stream.SetNull();
+    stream.Target = &engine;
+    ok = engine.Decode(&stream, &bits, &e) != FALSE;
+    sum = stream.Crc;
+    bits.Finish();
+  } else if (method == MethodStored) {
+    std::unique_ptr<BYTE[]> piece(new (std::nothrow) BYTE[kFilePiece]);
+    if (!piece) {
+      error = ERROR_OUTOFMEMORY;
+      return false;
+    }
+    CFileCRC source;
+    SetSource(source, data);
+    CFileIO output;
+    if (target == INVALID_HANDLE_VALUE)
+      output.SetNull();
+    else
+      output.SetFile(target);
+    ok = CopyStream(source, output, piece.get(), kFilePiece, e) != FALSE;
+    sum = source.Crc;
+    count = output.Position;
+  } else {
+    e = ERROR_INVALID_DATATYPE;
+  }
+  if (!ok) {
+    error = e != ERROR_SUCCESS ? e : ERROR_GEN_FAILURE;
+    return false;
+  }
+  if (count.GetValue() != OriginalSize(*progress.entry)) {
+    error = ERROR_WRITE_FAULT;
+    return false;
+  }
+  if (sum != crc) {
+    error = ERROR_CRC;
+    return false;
+  }
+  return true;
+}
+
+} // namespace talvern::engine

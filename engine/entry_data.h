@@ -1,0 +1,77 @@
+// An entry's data between open files, memory and nowhere: what the archive
+// object's compression members do, without their temporary files, for the
+// adding and extracting operations when the host asked for direct transfer,
+// and for compression away from the host's thread.
+#pragma once
+
+#include <talvern/archive.h>
+
+#include <cstdint>
+#include <vector>
+
+class CEncodeDecode1;
+
+namespace talvern::engine {
+
+// The largest file that direct transfer and compression ahead hold in
+// memory; larger ones go through a temporary file as usual.
+constexpr std::uint64_t DirectTransferLimit = 8u << 20;
+
+// Whom a driver tells of its progress: the archive object's CompressNotify
+// (compressing) or ExpandNotify with these arguments and the running byte
+// count. A null host hears nothing.
+struct ProgressTarget {
+  CArchiveFile* host = nullptr;
+  const WCHAR* arg1 = nullptr;
+  const WCHAR* arg2 = nullptr;
+  const WCHAR* arg3 = nullptr;
+  const CArchiveEntry* entry = nullptr;
+  const CArchiveSize* size = nullptr;
+};
+
+// Sets up a method-1 engine with the drivers' parameters to report to
+// `target` with `count` as the running count, and tells the host of the
+// start at once (its answer counts only from the first transfer on).
+void PrepareEngine(CEncodeDecode1& engine, const ProgressTarget& target, CArchiveSize& count,
+                   bool compressing);
+
+// One file compressed with method 1 into memory, with what the host's
+// progress hook would have heard: the byte count of every read of the
+// source, in order.
+struct CompressedData {
+  std::vector<BYTE> bytes;
+  std::vector<DWORD> reads;
+  DWORD crc = 0;
+  std::uint64_t bytesRead = 0;
+};
+
+// Compresses `size` bytes of the open file `source` into `out`. With a
+// progress target the host hears of every read as the archive object's
+// compressing member tells it (and may refuse: 1223); without one the
+// reads are kept in `out.reads`. FALSE with the error code when the source
+// cannot be read, memory is short or the host refused.
+bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
+                      const ProgressTarget* progress = nullptr);
+
+// Tells the host what compressing the file told it, in the same calls with
+// the same counts, starting from 0. FALSE (the engine's 1223) when the host
+// refused one: the calls that would have followed the refusal are left
+// out, as the engine leaves them out, except its closing one.
+bool ReplayCompressProgress(const ProgressTarget& target, const std::vector<DWORD>& reads);
+
+// Where stored data comes from: a memory block, or an open file at its
+// current position with `size` bytes to read.
+struct StoredData {
+  const BYTE* memory = nullptr;
+  HANDLE file = INVALID_HANDLE_VALUE;
+  std::uint64_t size = 0;
+};
+
+// Expands stored data of `method` into the open file `target`, or into
+// nothing when `target` is INVALID_HANDLE_VALUE, with the progress calls
+// and checks of the archive object's expanding member: 29 when the size
+// differs from the entry's, 23 when the CRC differs from `crc`.
+bool ExpandStored(DWORD& error, const ProgressTarget& progress, const StoredData& data,
+                  HANDLE target, DWORD method, DWORD crc);
+
+} // namespace talvern::engine
