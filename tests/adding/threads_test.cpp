@@ -1,0 +1,96 @@
+// Adding with compression ahead on worker threads and with direct transfer:
+// the archive and every call the host hears are those of one thread going
+// through temporary files.
+#include "adding/adding_support.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+using namespace adding;
+
+namespace {
+
+// Real data in nested folders, many small and empty files, and one file
+// larger than what is compressed ahead or held in memory.
+void MakeTree(const TempDir& dir) {
+  unsigned n = 0;
+  for (const std::string& file : CorpusFiles()) {
+    const std::string folder = n % 3 == 0 ? "source/" : n % 3 == 1 ? "source/a/" : "source/a/b/";
+    WriteFile(dir.Host(folder + std::filesystem::path(file).filename().string()), ReadFile(file));
+    ++n;
+  }
+  for (unsigned i = 0; i < 60; ++i)
+    WriteFile(dir.Host("source/small/f" + std::to_string(i) + ".txt"),
+              std::string(i * 37 % 500, static_cast<char>('a' + i % 7)) + std::to_string(i));
+  WriteFile(dir.Host("source/a/empty.dat"), "");
+  std::string large;
+  while (large.size() < (9u << 20)) large += "line " + std::to_string(large.size() % 977) + "\n";
+  WriteFile(dir.Host("source/large.txt"), large);
+}
+
+struct Outcome {
+  int result = 0;
+  DWORD error = 0;
+  std::vector<std::string> calls;
+  std::vector<std::uint8_t> archive;
+};
+
+// CompressAll of the tree; cancelAt answers 0 to that progress call
+// (1-based, the engine's included).
+Outcome Add(const TempDir& dir, DWORD threads, bool direct, int cancelAt = 0) {
+  Host host;
+  host.RecordEngineProgress = true;
+  host.SetCompressThreads(threads);
+  host.SetDirectTransfer(direct ? 1 : 0);
+  host.DefaultCreateTime(MakeFileTime(0x01D0000000000000ull));
+  int calls = 0;
+  host.OnProgress = [&](const CArchiveEntry&, std::uint64_t, std::uint64_t, bool) {
+    return ++calls != cancelAt;
+  };
+  std::filesystem::remove(dir.Host("out.arc"));
+  EXPECT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
+  Outcome out;
+  out.result =
+      host.CompressAll(dir.Win("source").c_str(), {}, kNoSecurity | CArchiveFile::AttrNoTimes);
+  out.error = host.GetErrorCode();
+  out.calls = host.Calls;
+  if (Exists(dir.Host("out.arc"))) out.archive = ReadFile(dir.Host("out.arc"));
+  return out;
+}
+
+void ExpectSame(const Outcome& actual, const Outcome& expected, const std::string& what) {
+  EXPECT_EQ(actual.result, expected.result) << what;
+  EXPECT_EQ(actual.error, expected.error) << what;
+  EXPECT_TRUE(actual.archive == expected.archive) << what;
+  EXPECT_EQ(actual.calls, expected.calls) << what;
+}
+
+} // namespace
+
+TEST(AddingThreads, ArchiveAndCallsAreThoseOfOneThread) {
+  TempDir dir;
+  MakeTree(dir);
+  const Outcome viaTemporary = Add(dir, 1, false);
+  ASSERT_EQ(viaTemporary.result, 1) << viaTemporary.error;
+  const Outcome direct = Add(dir, 1, true);
+  // Direct transfer writes the same archive without the temporary files.
+  EXPECT_TRUE(direct.archive == viaTemporary.archive);
+  for (const bool isDirect : {false, true})
+    for (const DWORD threads : {2u, 3u, 8u})
+      ExpectSame(Add(dir, threads, isDirect), isDirect ? direct : viaTemporary,
+                 std::to_string(threads) + " threads, direct " + std::to_string(isDirect));
+}
+
+TEST(AddingThreads, CancellingLeavesWhatOneThreadLeaves) {
+  TempDir dir;
+  MakeTree(dir);
+  for (const bool isDirect : {false, true})
+    for (const int cancelAt : {3, 40, 200}) {
+      const Outcome one = Add(dir, 1, isDirect, cancelAt);
+      ASSERT_EQ(one.result, 0);
+      ASSERT_EQ(one.error, static_cast<DWORD>(ERROR_CANCELLED));
+      ExpectSame(Add(dir, 4, isDirect, cancelAt), one,
+                 "cancel at " + std::to_string(cancelAt) + ", direct " + std::to_string(isDirect));
+    }
+}
