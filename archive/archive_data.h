@@ -84,6 +84,10 @@ struct CArchiveFileData {
   bool DirectTransfer = false;
   bool TestOnly = false;
   std::unique_ptr<talvern::engine::CompressAhead> Ahead;
+  // The cluster size of the open volume's medium, asked once per open
+  // volume (0: not asked yet); the medium changes only with the volume.
+  CString ClusterRoot;
+  DWORD ClusterSize = 0;
 
   // The effective size limit of the current volume: 0 means no limit.
   // (0xFFFFFFFF is returned as it is; callers treat it as no limit.)

@@ -48,6 +48,7 @@ int BeginOpen(CArchiveFile& archive, int forWriting, bool createFolders) {
 int AdoptHandle(CArchiveFile& archive, HANDLE file, DWORD flags) {
   CArchiveFileData& d = Access::Data(archive);
   d.Handle = file;
+  d.ClusterSize = 0;
   d.Flags |= flags;
   d.Header.Zero();
   std::uint64_t size = 0;
@@ -221,6 +222,7 @@ int CArchiveFile::Close() {
     DeleteFileW(d.ArchiveName.c_str());
 
   d.Handle = INVALID_HANDLE_VALUE;
+  d.ClusterSize = 0;
   d.Flags &= FlagError | FlagBusy;
   d.Header.Zero();
   d.CommittedSize = 0;

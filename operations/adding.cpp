@@ -327,7 +327,7 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   fd.ftLastAccessTime = times.LastAccess;
   fd.ftLastWriteTime = times.LastWrite;
 
-  const DWORD cluster = GetClusterSize(root);
+  const DWORD cluster = VolumeClusterSize(d, root);
   if (cluster == 0 || cluster > kMaxCopyBuffer) {
     SetErrorCode(ERROR_OUTOFMEMORY);
     return 0;

@@ -36,11 +36,12 @@ constexpr DWORD kContinuedBit = 0x80000000u;
 
 // Decodes an entry's stored data, read from `data` starting at `from` (a
 // file's position; 0 for memory), into the output, or into nothing when
-// `output` is null, with the progress calls and checks of ExecExpand.
+// `output` is null, with the progress calls and checks of ExecExpand; then
+// gives the output its times when they are given.
 bool ExpandDirect(CArchiveFile& archive, const talvern::engine::StoredData& data,
                   std::uint64_t from, const WCHAR* targetDir, const WCHAR* root,
                   const WCHAR* folder, const CArchiveEntry& entry, std::uint64_t passed,
-                  const WCHAR* output, DWORD method) {
+                  const WCHAR* output, DWORD method, const ItemTimes* times) {
   DWORD error = ERROR_SUCCESS;
   bool ok = data.memory != nullptr || volume_io::SeekTo(data.file, from);
   if (!ok) error = LastErrorOr();
@@ -58,6 +59,13 @@ bool ExpandDirect(CArchiveFile& archive, const talvern::engine::StoredData& data
     const talvern::engine::ProgressTarget progress{&archive, targetDir, root,
                                                    folder,   &entry,    &size};
     ok = talvern::engine::ExpandStored(error, progress, data, target.Get(), method, entry.Crc);
+  }
+  // The times go on while the output is still open, which saves opening
+  // it again; nothing is written after them.
+  if (ok && times != nullptr && target.IsValid() &&
+      !SetFileTime(target.Get(), &times->Creation, &times->LastAccess, &times->LastWrite)) {
+    error = LastErrorOr();
+    ok = false;
   }
   if (!target.Close() && ok) {
     error = LastErrorOr();
@@ -283,7 +291,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
 
   // One buffer for the whole entry, a multiple of the archive medium's
   // cluster size, so that the copy stays on cluster boundaries.
-  const DWORD cluster = GetClusterSize(root);
+  const DWORD cluster = VolumeClusterSize(d, root);
   if (cluster == 0 || cluster > kCopyLimit) {
     SetErrorCode(ERROR_OUTOFMEMORY);
     return 0;
@@ -324,6 +332,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
   }
 
   bool created = false;
+  bool timesSet = false;
   if (ok && !skip && createsOutput && !d.TestOnly) {
     const std::unique_ptr<BYTE[]> descriptor = PrepareDescriptor(entry, restoreSecurity);
     CString replacement;
@@ -476,7 +485,9 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
       }
       ok = ExpandDirect(*this, data, sink == Sink::Nothing ? entry.DataOffset.GetValue() : 0,
                         targetDir, root, folder.c_str(), entry, passed,
-                        d.TestOnly ? nullptr : outputPath.c_str(), method);
+                        d.TestOnly ? nullptr : outputPath.c_str(), method,
+                        created ? &times : nullptr);
+      timesSet = created;
     }
     temporary.File().Close();
     if (ok && !skip && !direct) {
@@ -498,7 +509,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
 
   // Times after the contents; only on what this entry created, so that a
   // directory entry extracted without folders touches nothing.
-  if (ok && !skip && created) {
+  if (ok && !skip && created && !timesSet) {
     const ScopedHandle item(CreateFileW(
         outputPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
         OPEN_EXISTING, isDirectory ? FILE_FLAG_BACKUP_SEMANTICS : FILE_ATTRIBUTE_NORMAL, nullptr));

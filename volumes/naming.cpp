@@ -100,6 +100,15 @@ DWORD GetClusterSize(const WCHAR* root) {
   return static_cast<DWORD>(size);
 }
 
+DWORD VolumeClusterSize(CArchiveFileData& data, const WCHAR* root) {
+  if (data.Handle == INVALID_HANDLE_VALUE) return GetClusterSize(root);
+  if (data.ClusterSize == 0 || data.ClusterRoot != root) {
+    data.ClusterRoot = root;
+    data.ClusterSize = GetClusterSize(root);
+  }
+  return data.ClusterSize;
+}
+
 int CArchiveFile::IsRemovable(int forWriting, const WCHAR* root) const {
   CString own;
   if (root == nullptr) {

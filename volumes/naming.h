@@ -10,3 +10,7 @@ int BuildVolumeName(CString& name, DWORD number, int advanceDiskFolder);
 
 // Bytes per cluster of the medium at root, 0 on failure.
 DWORD GetClusterSize(const WCHAR* root);
+// The same for the open volume's root, asked of the system once per open
+// volume.
+struct CArchiveFileData;
+DWORD VolumeClusterSize(CArchiveFileData& data, const WCHAR* root);

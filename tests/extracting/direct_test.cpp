@@ -48,7 +48,7 @@ protected:
     out.calls = host.Calls;
     out.progress = host.Progress;
     out.progressCalls = host.ExpandNotifyCalls;
-    out.tree = ListTree(Out());
+    if (testOnly) out.tree = ListTree(Out()); // reading a folder may change its times
     return out;
   }
 };
@@ -72,11 +72,15 @@ TEST_F(DirectTest, SameCallsAndOutputAsThroughTemporaryFiles) {
     MakeArchive(limit);
     const auto viaTemporary = Extract(false, false, limit);
     ASSERT_EQ(viaTemporary.result, 1) << viaTemporary.error;
-    EXPECT_EQ(CompareTrees(tmp.Host("source"), Out(), false), "");
     EXPECT_TRUE(Temporaries().empty());
+    std::filesystem::remove_all(tmp.Host("first"));
+    std::filesystem::rename(Out(), tmp.Host("first"));
 
+    // The same files, attributes and times (compared before anything reads
+    // them, which may change their last-access times).
     const auto direct = Extract(true, false, limit);
     ExpectSameCalls(direct, viaTemporary);
+    EXPECT_EQ(CompareTrees(tmp.Host("first"), Out()), "");
     EXPECT_EQ(CompareTrees(tmp.Host("source"), Out(), false), "");
     EXPECT_TRUE(Temporaries().empty());
 
