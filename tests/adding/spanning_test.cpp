@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <iterator>
 
 using namespace adding;
 using Srch = CArchiveFile::CSrchFlags;
@@ -347,14 +349,36 @@ TEST(AddingRemovable, WritingGoesOnOnTheNextInsertedMedium) {
   const auto noise = RandomBytes(100000, 11);
   WriteFile(dir.Host("source/big.bin"), noise);
 
-  Host host;
-  host.OnDiskFull = [](int) { return CArchiveFile::DiskFullChange; };
-  host.OnDiskChange = [&](DWORD diskNo) { return drive.Insert(diskNo); };
-  ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
-  ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1)
-      << host.GetErrorCode();
-  EXPECT_EQ(host.CallsStartingWith("disk"), (V{"diskfull:1", "diskchange:1,1", "diskfull:0",
-                                               "diskchange:2,1", "diskfull:0", "diskchange:3,1"}));
+  // With threads compressing ahead, the host hears the same in the same
+  // order and the media hold the same bytes.
+  std::vector<std::string> calls[2];
+  std::vector<std::uint8_t> media[2];
+  for (const DWORD threads : {1u, 4u}) {
+    for (int m = 1; m <= 3; ++m) std::filesystem::remove(drive.VolumeOn(dir, m));
+    Host host;
+    host.SetCompressThreads(threads);
+    // Reading the file may change its last-access time: no times are kept.
+    host.DefaultCreateTime(MakeFileTime(0x01D0000000000000ull));
+    host.OnDiskFull = [](int) { return CArchiveFile::DiskFullChange; };
+    host.OnDiskChange = [&](DWORD diskNo) { return drive.Insert(diskNo); };
+    ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+    ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{},
+                               kNoSecurity | CArchiveFile::AttrNoTimes),
+              1)
+        << host.GetErrorCode();
+    calls[threads > 1] = host.Calls;
+    for (int m = 1; m <= 3; ++m) {
+      const auto bytes = ReadFile(drive.VolumeOn(dir, m));
+      media[threads > 1].insert(media[threads > 1].end(), bytes.begin(), bytes.end());
+    }
+  }
+  EXPECT_EQ(calls[1], calls[0]);
+  EXPECT_TRUE(media[1] == media[0]);
+  V diskCalls;
+  std::copy_if(calls[0].begin(), calls[0].end(), std::back_inserter(diskCalls),
+               [](const std::string& c) { return c.rfind("disk", 0) == 0; });
+  EXPECT_EQ(diskCalls, (V{"diskfull:1", "diskchange:1,1", "diskfull:0", "diskchange:2,1",
+                          "diskfull:0", "diskchange:3,1"}));
   EXPECT_GT(talvern::GetDismountCount(u'A'), 0u);
 
   // The medium is filled to its last cluster by the cluster-step retries

@@ -36,9 +36,10 @@ struct Outcome {
   std::vector<std::uint8_t> archive;
 };
 
-// CompressAll of the tree; cancelAt answers 0 to that progress call
-// (1-based, the engine's included).
-Outcome Add(const TempDir& dir, DWORD threads, bool direct, int cancelAt = 0) {
+// CompressAll of the tree, into numbered volumes of `limit` bytes when it
+// is not 0; cancelAt answers 0 to that progress call (1-based, the
+// engine's included).
+Outcome Add(const TempDir& dir, DWORD threads, bool direct, int cancelAt = 0, DWORD limit = 0) {
   Host host;
   host.RecordEngineProgress = true;
   host.SetCompressThreads(threads);
@@ -48,14 +49,20 @@ Outcome Add(const TempDir& dir, DWORD threads, bool direct, int cancelAt = 0) {
   host.OnProgress = [&](const CArchiveEntry&, std::uint64_t, std::uint64_t, bool) {
     return ++calls != cancelAt;
   };
+  for (unsigned i = 0; i < 100; ++i) std::filesystem::remove(NumberedName(dir.Host("out"), i));
   std::filesystem::remove(dir.Host("out.arc"));
-  EXPECT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
+  const CArchiveSize size(limit);
+  EXPECT_EQ(host.FileName(dir.Win("out.arc").c_str(), limit ? &size : nullptr), 1);
   Outcome out;
   out.result =
       host.CompressAll(dir.Win("source").c_str(), {}, kNoSecurity | CArchiveFile::AttrNoTimes);
   out.error = host.GetErrorCode();
   out.calls = host.Calls;
   if (Exists(dir.Host("out.arc"))) out.archive = ReadFile(dir.Host("out.arc"));
+  for (unsigned i = 0; Exists(NumberedName(dir.Host("out"), i)); ++i) {
+    const auto volume = ReadFile(NumberedName(dir.Host("out"), i));
+    out.archive.insert(out.archive.end(), volume.begin(), volume.end());
+  }
   return out;
 }
 
@@ -80,6 +87,14 @@ TEST(AddingThreads, ArchiveAndCallsAreThoseOfOneThread) {
     for (const DWORD threads : {2u, 3u, 8u})
       ExpectSame(Add(dir, threads, isDirect), isDirect ? direct : viaTemporary,
                  std::to_string(threads) + " threads, direct " + std::to_string(isDirect));
+}
+
+TEST(AddingThreads, NumberedVolumesAreTheSame) {
+  TempDir dir;
+  MakeTree(dir);
+  const Outcome one = Add(dir, 1, true, 0, 1000000);
+  ASSERT_EQ(one.result, 1) << one.error;
+  ExpectSame(Add(dir, 8, true, 0, 1000000), one, "numbered volumes");
 }
 
 TEST(AddingThreads, CancellingLeavesWhatOneThreadLeaves) {
