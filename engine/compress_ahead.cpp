@@ -24,10 +24,18 @@ std::uint64_t SizeOf(const WIN32_FIND_DATAW& data) {
 } // namespace
 
 unsigned CompressAhead::WorkersFor(DWORD requested) {
-  if (requested != 0) return requested;
   const unsigned cores = std::thread::hardware_concurrency();
-  return cores != 0 ? cores : 1;
+  const unsigned wanted = requested != 0 ? requested : cores != 0 ? cores : 1;
+  return std::min(wanted, MostWorkers);
 }
+
+namespace {
+
+// The most memory the compressed data of a file of `size` bytes can take
+// while it is being written (nine bits a byte, and slack).
+std::uint64_t Charge(std::uint64_t size) { return size + size / 8 + 64; }
+
+} // namespace
 
 CompressAhead::CompressAhead(unsigned workers, const CString& baseDir, const CString& folder,
                              DWORD srch, std::uint64_t budget, std::uint64_t largest)
@@ -88,18 +96,26 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   job->file = std::make_unique<PreparedFile>();
   job->file->name = name;
   job->file->size = size;
+  job->charge = Charge(size);
   std::unique_lock<std::mutex> lock(mutex_);
   walkerWaits_ = true;
-  changed_.wait(lock, [&] { return stop_ || jobs_.empty() || held_ + size <= budget_; });
+  changed_.wait(lock, [&] { return stop_ || held_ == 0 || held_ + job->charge <= budget_; });
   walkerWaits_ = false;
   if (stop_) return false;
-  held_ += size;
+  held_ += job->charge;
   jobs_.push_back(std::move(job));
   changed_.notify_all();
   return true;
 }
 
-void CompressAhead::Release(const Job& job) { held_ -= job.file->size; }
+// Takes a job out of the walk's way: its memory is given back now, or by
+// its worker when it is still being compressed.
+void CompressAhead::Drop(Job& job) {
+  if (job.started && !job.done)
+    job.dropped = true;
+  else
+    held_ -= job.charge;
+}
 
 void CompressAhead::Work() {
   for (;;) {
@@ -133,6 +149,10 @@ void CompressAhead::Work() {
 
     std::lock_guard<std::mutex> lock(mutex_);
     job->done = true;
+    if (job->dropped) {
+      held_ -= job->charge;
+      job->file.reset();
+    }
     changed_.notify_all();
   }
 }
@@ -145,7 +165,7 @@ std::unique_ptr<PreparedFile> CompressAhead::Take(const CString& name) {
     // The walk is past every file held ahead when the walker waits for
     // room: make room, so that it goes on.
     if (walkerWaits_) {
-      for (const auto& job : jobs_) Release(*job);
+      for (const auto& job : jobs_) Drop(*job);
       jobs_.clear();
       changed_.notify_all();
     }
@@ -153,12 +173,12 @@ std::unique_ptr<PreparedFile> CompressAhead::Take(const CString& name) {
   }
   // Files before it were left out by the walk: drop them.
   std::shared_ptr<Job> job = *found;
-  for (auto it = jobs_.begin(); it != found; ++it) Release(**it);
+  for (auto it = jobs_.begin(); it != found; ++it) Drop(**it);
   jobs_.erase(jobs_.begin(), found);
   changed_.notify_all();
   changed_.wait(lock, [&] { return job->done || stop_; });
   if (!job->done) return nullptr;
-  Release(*job);
+  held_ -= job->charge;
   jobs_.pop_front();
   changed_.notify_all();
   return std::move(job->file);

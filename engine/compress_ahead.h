@@ -42,8 +42,12 @@ struct PreparedFile {
 class CompressAhead {
 public:
   // Settings of the library's own use.
-  static constexpr std::uint64_t DefaultBudget = 24u << 20;            // source bytes held ahead
-  static constexpr std::uint64_t DefaultLargest = DirectTransferLimit; // larger: left to the walk
+  // Memory held for compressed data ahead of the walk, counted as the most
+  // each file's data can take; larger files are left to the walk; more
+  // workers than the most are not started.
+  static constexpr std::uint64_t DefaultBudget = 16u << 20;
+  static constexpr std::uint64_t DefaultLargest = 2u << 20;
+  static constexpr unsigned MostWorkers = 8;
 
   // Starts `workers` compressing threads and a walker over the tree below
   // baseDir\folder that adding with these search flags would walk.
@@ -61,25 +65,28 @@ public:
   // file that still has the size and last-write time it had when read.
   std::unique_ptr<PreparedFile> TakeUnchanged(const CString& name);
 
-  // Number of workers for a request: 0 means one per processor.
+  // Number of workers for a request: 0 means one per processor; never more
+  // than MostWorkers.
   static unsigned WorkersFor(DWORD requested);
 
 private:
   struct Job {
     std::unique_ptr<PreparedFile> file;
+    std::uint64_t charge = 0; // memory counted against the budget
     bool started = false;
     bool done = false;
+    bool dropped = false; // passed by the walk while being compressed
   };
 
   void Walk(const CString& baseDir, const CString& folder, DWORD srch);
   bool Submit(const CString& name, std::uint64_t size);
   void Work();
-  void Release(const Job& job);
+  void Drop(Job& job);
 
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<std::shared_ptr<Job>> jobs_; // in walk order
-  std::uint64_t held_ = 0;                // source bytes of the jobs in jobs_
+  std::uint64_t held_ = 0; // charges of queued jobs and of dropped ones still running
   std::uint64_t budget_;
   std::uint64_t largest_;
   bool stop_ = false;

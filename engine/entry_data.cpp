@@ -105,7 +105,6 @@ bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, Compresse
     return false;
   }
   out.bytes.resize(static_cast<std::size_t>(bits.Position.GetValue()));
-  out.bytes.shrink_to_fit();
   out.crc = stream.Crc;
   out.bytesRead = stream.Position.GetValue();
   return true;
