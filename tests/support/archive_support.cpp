@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -278,20 +279,38 @@ std::vector<std::string> FolderContents(const std::string& hostDir) {
   return names;
 }
 
+namespace {
+
+// Each item of a tree looked up as the walk reaches it, which is before the
+// walk lists a folder: listing a folder sets its last-access time.
+std::map<std::string, WIN32_FIND_DATAW> LookTree(const std::string& hostDir) {
+  std::map<std::string, WIN32_FIND_DATAW> items;
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(hostDir, ec);
+       !ec && it != fs::recursive_directory_iterator(); it.increment(ec))
+    items[fs::relative(it->path(), hostDir).generic_string()] = Look(it->path().string());
+  return items;
+}
+
+} // namespace
+
 std::string CompareTrees(const std::string& expectedHost, const std::string& actualHost,
                          bool metadata) {
-  const auto expected = ListTree(expectedHost);
-  const auto actual = ListTree(actualHost);
-  if (expected != actual) {
+  const auto expected = LookTree(expectedHost);
+  const auto actual = LookTree(actualHost);
+  std::vector<std::string> expectedNames, actualNames;
+  for (const auto& item : expected) expectedNames.push_back(item.first);
+  for (const auto& item : actual) actualNames.push_back(item.first);
+  if (expectedNames != actualNames) {
     std::string message = "names differ; expected:";
-    for (const auto& n : expected) message += " " + n;
+    for (const auto& n : expectedNames) message += " " + n;
     message += "; actual:";
-    for (const auto& n : actual) message += " " + n;
+    for (const auto& n : actualNames) message += " " + n;
     return message;
   }
-  for (const auto& name : expected) {
+  for (const auto& [name, de] : expected) {
+    const WIN32_FIND_DATAW& da = actual.at(name);
     const std::string e = expectedHost + "/" + name, a = actualHost + "/" + name;
-    const WIN32_FIND_DATAW de = Look(e), da = Look(a);
     const bool isDir = fs::is_directory(e);
     if (isDir != fs::is_directory(a)) return name + ": kind";
     if (!isDir && ReadFile(e) != ReadFile(a)) return name + ": contents";
