@@ -9,7 +9,7 @@ JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test test-release test-asan fuzz bench install-check format clean
+.PHONY: all deps build demo test test-release test-asan fuzz bench bench-tree install-check format clean
 
 all: build
 
@@ -51,6 +51,15 @@ bench:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_BUILD_BENCH=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS)
 	@scripts/bench.sh $(BUILD)
+
+# Whole-tree jobs against tar with gzip and zstd (see docs/performance.md).
+# BASELINE=path/to/another/talvern adds that build to every job; TREE= names
+# the folder to copy (default /usr/include), RUNS= the runs per tool.
+bench-tree: build
+	@scripts/install-deps.sh --bench
+	python3 scripts/bench-tree.py --talvern $(BUILD)/tools/talvern \
+	  $(if $(BASELINE),--baseline $(BASELINE)) $(if $(TREE),--tree $(TREE)) \
+	  $(if $(RUNS),--runs $(RUNS))
 
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')

@@ -2,7 +2,7 @@
 # Installs what building and testing talvern needs, when it is missing:
 # a C++20 compiler, CMake, make, pkg-config, GoogleTest and Google Benchmark
 # (and clang with its sanitizer runtimes for `make fuzz`, and gzip, zstd and
-# lz4 for `make bench`).
+# lz4, python3 and GNU time for `make bench` and `make bench-tree`).
 set -euo pipefail
 
 want_fuzz=0
@@ -25,7 +25,8 @@ if [ "$want_fuzz" = 1 ]; then
 fi
 
 if [ "$want_bench" = 1 ]; then
-  for tool in gzip zstd lz4; do command -v $tool >/dev/null 2>&1 || missing+=($tool); done
+  for tool in gzip zstd lz4 python3; do command -v $tool >/dev/null 2>&1 || missing+=($tool); done
+  [ -x /usr/bin/time ] || missing+=(time)
 fi
 
 [ ${#missing[@]} -eq 0 ] && exit 0
