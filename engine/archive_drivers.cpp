@@ -11,6 +11,7 @@
 #include <initializer_list>
 #include <memory>
 #include <new>
+#include <vector>
 
 using talvern::engine::PrepareEngine;
 using talvern::engine::ProgressTarget;
@@ -169,9 +170,18 @@ bool StorePrepared(DWORD& error, const ProgressTarget& hook,
   }
   const std::vector<BYTE>& bytes = prepared.data.bytes;
   DWORD written = 0;
-  if (!bytes.empty() && (!WriteFile(output.Get(), bytes.data(), static_cast<DWORD>(bytes.size()),
-                                    &written, nullptr) ||
-                         written != bytes.size())) {
+  if (prepared.spill.File().IsValid()) {
+    // A large file's data, from the temporary file it was compressed into.
+    constexpr DWORD kPiece = 65536;
+    std::vector<BYTE> piece(kPiece);
+    CFileIO from;
+    from.SetFile(prepared.spill.File().Get(), prepared.data.packed);
+    CFileIO to;
+    to.SetFile(output.Get());
+    if (!talvern::engine::CopyStream(from, to, piece.data(), kPiece, error)) return false;
+  } else if (!bytes.empty() && (!WriteFile(output.Get(), bytes.data(),
+                                           static_cast<DWORD>(bytes.size()), &written, nullptr) ||
+                                written != bytes.size())) {
     error = GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_DISK_FULL;
     return false;
   }

@@ -35,6 +35,21 @@ namespace {
 // while it is being written (nine bits a byte, and slack).
 std::uint64_t Charge(std::uint64_t size) { return size + size / 8 + 64; }
 
+// A new temporary file in the system's temporary folder, open for writing
+// and reading back, as the adding walk's own temporary files are named.
+bool OpenSpill(ScopedTempFile& spill) {
+  WCHAR dir[MAX_PATH] = {};
+  const DWORD length = GetTempPathW(MAX_PATH, dir);
+  WCHAR name[MAX_PATH] = {};
+  static const WCHAR kPrefix[] = {u'A', u'R', u'C', 0};
+  if (length == 0 || length >= MAX_PATH || GetTempFileNameW(dir, kPrefix, 0, name) == 0)
+    return false;
+  spill.Name() = name;
+  spill.File().Reset(CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                 FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+  return spill.File().IsValid();
+}
+
 } // namespace
 
 CompressAhead::CompressAhead(unsigned workers, const CString& baseDir, const CString& folder,
@@ -81,9 +96,7 @@ void CompressAhead::Walk(const CString& baseDir, const CString& folder, DWORD sr
         inner += data.cFileName;
         Walk(baseDir, inner, srch);
       } else {
-        const std::uint64_t size = SizeOf(data);
-        if (size > largest_) continue;
-        if (!Submit(JoinItemPath(baseDir.c_str(), folder, data.cFileName), size)) return;
+        if (!Submit(JoinItemPath(baseDir.c_str(), folder, data.cFileName), SizeOf(data))) return;
       }
     } while (find.Next(data));
   }
@@ -97,12 +110,15 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   job->file->name = name;
   job->file->size = size;
   job->charge = Charge(size);
+  job->spills = size > largest_;
   std::unique_lock<std::mutex> lock(mutex_);
+  std::uint64_t& held = job->spills ? spilled_ : held_;
+  const std::uint64_t budget = job->spills ? SpillBudget : budget_;
   walkerWaits_ = true;
-  changed_.wait(lock, [&] { return stop_ || held_ == 0 || held_ + job->charge <= budget_; });
+  changed_.wait(lock, [&] { return stop_ || held == 0 || held + job->charge <= budget; });
   walkerWaits_ = false;
   if (stop_) return false;
-  held_ += job->charge;
+  held += job->charge;
   jobs_.push_back(std::move(job));
   changed_.notify_all();
   return true;
@@ -114,8 +130,10 @@ void CompressAhead::Drop(Job& job) {
   if (job.started && !job.done)
     job.dropped = true;
   else
-    held_ -= job.charge;
+    Release(job);
 }
+
+void CompressAhead::Release(const Job& job) { (job.spills ? spilled_ : held_) -= job.charge; }
 
 void CompressAhead::Work() {
   for (;;) {
@@ -143,14 +161,19 @@ void CompressAhead::Work() {
       DWORD error = ERROR_SUCCESS;
       if (sized && GetFileTime(source.Get(), nullptr, nullptr, &file.lastWrite)) {
         file.size = static_cast<std::uint64_t>(high) << 32 | low;
-        file.ok = CompressToMemory(error, source.Get(), file.size, file.data);
+        if (!job->spills)
+          file.ok = CompressToMemory(error, source.Get(), file.size, file.data);
+        else if (OpenSpill(file.spill))
+          file.ok =
+              CompressToFile(error, source.Get(), file.size, file.spill.File().Get(), file.data) &&
+              SetFilePointer(file.spill.File().Get(), 0, nullptr, FILE_BEGIN) == 0;
       }
     }
 
     std::lock_guard<std::mutex> lock(mutex_);
     job->done = true;
     if (job->dropped) {
-      held_ -= job->charge;
+      Release(*job);
       job->file.reset();
     }
     changed_.notify_all();
@@ -171,14 +194,21 @@ std::unique_ptr<PreparedFile> CompressAhead::Take(const CString& name) {
     }
     return nullptr;
   }
-  // Files before it were left out by the walk: drop them.
+  // Files before it were left out by the walk: drop them. When no worker
+  // has started on it, the walk compresses it sooner than waiting would.
   std::shared_ptr<Job> job = *found;
   for (auto it = jobs_.begin(); it != found; ++it) Drop(**it);
   jobs_.erase(jobs_.begin(), found);
+  if (!job->started) {
+    Release(*job);
+    jobs_.pop_front();
+    changed_.notify_all();
+    return nullptr;
+  }
   changed_.notify_all();
   changed_.wait(lock, [&] { return job->done || stop_; });
   if (!job->done) return nullptr;
-  held_ -= job->charge;
+  Release(*job);
   jobs_.pop_front();
   changed_.notify_all();
   return std::move(job->file);

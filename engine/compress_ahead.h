@@ -11,11 +11,14 @@
 //
 // Nothing here calls the host: the walker and the workers use only the
 // file system. Files the walk never asks for (left out by the host's
-// selection) are dropped when the walk passes them; files that are too
-// large to hold in memory are left to the walk.
+// selection) are dropped when the walk passes them. Small files are
+// compressed into memory, larger ones into temporary files of their own
+// (deleted with the data); a file the walk reaches before any worker
+// started on it is left to the walk.
 #pragma once
 
 #include "engine/entry_data.h"
+#include "foundation/handles.h"
 
 #include <talvern/archive.h>
 
@@ -37,16 +40,20 @@ struct PreparedFile {
   FILETIME lastWrite{};
   bool ok = false; // the compression succeeded (otherwise the walk does it again)
   CompressedData data;
+  ScopedTempFile spill; // holds the data of a large file, read from its start
 };
 
 class CompressAhead {
 public:
   // Settings of the library's own use.
   // Memory held for compressed data ahead of the walk, counted as the most
-  // each file's data can take; larger files are left to the walk; more
-  // workers than the most are not started.
+  // each file's data can take, and the largest file held in memory; larger
+  // files are compressed into temporary files, with as much again held
+  // there as the spill budget allows (at least one file); more workers than
+  // the most are not started.
   static constexpr std::uint64_t DefaultBudget = 16u << 20;
   static constexpr std::uint64_t DefaultLargest = 2u << 20;
+  static constexpr std::uint64_t SpillBudget = 1u << 30;
   static constexpr unsigned MostWorkers = 8;
 
   // Starts `workers` compressing threads and a walker over the tree below
@@ -59,7 +66,8 @@ public:
 
   // The compressed data of the file `name` (a full name as the walk builds
   // it), waiting for it when it is being compressed; null when the file
-  // was not found ahead. Files found before it are dropped.
+  // was not found ahead or no worker has started on it yet (the walk then
+  // compresses it itself). Files found before it are dropped.
   std::unique_ptr<PreparedFile> Take(const CString& name);
   // As Take, but only data that was compressed without a failure from a
   // file that still has the size and last-write time it had when read.
@@ -72,7 +80,8 @@ public:
 private:
   struct Job {
     std::unique_ptr<PreparedFile> file;
-    std::uint64_t charge = 0; // memory counted against the budget
+    std::uint64_t charge = 0; // counted against the memory or the spill budget
+    bool spills = false;      // compressed into a temporary file
     bool started = false;
     bool done = false;
     bool dropped = false; // passed by the walk while being compressed
@@ -82,11 +91,15 @@ private:
   bool Submit(const CString& name, std::uint64_t size);
   void Work();
   void Drop(Job& job);
+  void Release(const Job& job);
 
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<std::shared_ptr<Job>> jobs_; // in walk order
-  std::uint64_t held_ = 0; // charges of queued jobs and of dropped ones still running
+  // Charges of queued jobs and of dropped ones still running, in memory and
+  // in temporary files.
+  std::uint64_t held_ = 0;
+  std::uint64_t spilled_ = 0;
   std::uint64_t budget_;
   std::uint64_t largest_;
   bool stop_ = false;

@@ -60,8 +60,12 @@ void PrepareEngine(CEncodeDecode1& engine, const ProgressTarget& target, CArchiv
   engine.WriteNotify(0);
 }
 
-bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
-                      const ProgressTarget* progress) {
+namespace {
+
+// Method 1 from `source` into memory (`target` invalid) or into the open
+// file `target`; see CompressToMemory.
+bool CompressInto(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target,
+                  CompressedData& out, const ProgressTarget* progress) {
   CEncodeDecode1 engine;
   CArchiveSize count(0);
   if (progress != nullptr)
@@ -72,11 +76,12 @@ bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, Compresse
     error = ERROR_OUTOFMEMORY;
     return false;
   }
+  const bool toMemory = target == INVALID_HANDLE_VALUE;
   // Nine bits for a literal is the most any byte costs; the end code and
   // the last partial byte fit in the slack.
   const std::uint64_t capacity = size + size / 8 + 64;
   try {
-    out.bytes.resize(static_cast<std::size_t>(capacity));
+    out.bytes.resize(toMemory ? static_cast<std::size_t>(capacity) : 0);
     out.reads.clear();
     if (progress == nullptr) out.reads.reserve(static_cast<std::size_t>(size / 8192 + 4));
   } catch (const std::bad_alloc&) {
@@ -84,7 +89,10 @@ bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, Compresse
     return false;
   }
   CFileBit bits;
-  bits.SetMemory(out.bytes.data(), capacity);
+  if (toMemory)
+    bits.SetMemory(out.bytes.data(), capacity);
+  else
+    bits.SetFile(target);
   if (!bits.Allocate()) {
     error = ERROR_OUTOFMEMORY;
     return false;
@@ -104,10 +112,23 @@ bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, Compresse
     error = e != ERROR_SUCCESS ? e : ERROR_GEN_FAILURE;
     return false;
   }
-  out.bytes.resize(static_cast<std::size_t>(bits.Position.GetValue()));
+  out.packed = bits.Position.GetValue();
+  if (toMemory) out.bytes.resize(static_cast<std::size_t>(out.packed));
   out.crc = stream.Crc;
   out.bytesRead = stream.Position.GetValue();
   return true;
+}
+
+} // namespace
+
+bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
+                      const ProgressTarget* progress) {
+  return CompressInto(error, source, size, INVALID_HANDLE_VALUE, out, progress);
+}
+
+bool CompressToFile(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target,
+                    CompressedData& out) {
+  return CompressInto(error, source, size, target, out, nullptr);
 }
 
 bool ReplayCompressProgress(const ProgressTarget& target, const std::vector<DWORD>& reads) {

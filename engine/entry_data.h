@@ -39,7 +39,8 @@ void PrepareEngine(CEncodeDecode1& engine, const ProgressTarget& target, CArchiv
 // progress hook would have heard: the byte count of every read of the
 // source, in order.
 struct CompressedData {
-  std::vector<BYTE> bytes;
+  std::vector<BYTE> bytes;  // empty when the data went to a file
+  std::uint64_t packed = 0; // bytes of compressed data
   std::vector<DWORD> reads;
   DWORD crc = 0;
   std::uint64_t bytesRead = 0;
@@ -52,6 +53,11 @@ struct CompressedData {
 // cannot be read, memory is short or the host refused.
 bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
                       const ProgressTarget* progress = nullptr);
+
+// As CompressToMemory without a host to tell, into the open file `target`
+// from its current position; `out.bytes` stays empty.
+bool CompressToFile(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target,
+                    CompressedData& out);
 
 // Tells the host what compressing the file told it, in the same calls with
 // the same counts, starting from 0. FALSE (the engine's 1223) when the host

@@ -71,6 +71,7 @@ public:
   const WCHAR* c_str() const { return name_.c_str(); }
   bool Exists() const { return !name_.empty(); }
   ScopedHandle& File() { return file_; }
+  const ScopedHandle& File() const { return file_; }
   void Remove() {
     file_.Close();
     if (!name_.empty()) DeleteFileW(name_.c_str());

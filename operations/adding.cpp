@@ -379,6 +379,17 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
     talvern::engine::CompressedData compressed;
     std::unique_ptr<talvern::engine::PreparedFile> prepared;
     if (d.Ahead && entry.CompressType != 0) prepared = d.Ahead->TakeUnchanged(source);
+    // Data compressed into a temporary file is small enough here to read.
+    if (prepared && prepared->spill.File().IsValid()) {
+      std::vector<BYTE>& bytes = prepared->data.bytes;
+      const auto packed = static_cast<DWORD>(prepared->data.packed);
+      DWORD got = 0;
+      bytes.resize(packed);
+      if (packed != 0 &&
+          (!ReadFile(prepared->spill.File().Get(), bytes.data(), packed, &got, nullptr) ||
+           got != packed))
+        prepared.reset();
+    }
     if (prepared) {
       if (!talvern::engine::ReplayCompressProgress(hook, prepared->data.reads)) return cancel();
       compressed = std::move(prepared->data);

@@ -11,8 +11,9 @@ using namespace adding;
 
 namespace {
 
-// Real data in nested folders, many small and empty files, and one file
-// larger than what is compressed ahead or held in memory.
+// Real data in nested folders, many small and empty files, one file too
+// large to be compressed ahead into memory and one too large for direct
+// transfer.
 void MakeTree(const TempDir& dir) {
   unsigned n = 0;
   for (const std::string& file : CorpusFiles()) {
@@ -27,6 +28,7 @@ void MakeTree(const TempDir& dir) {
   std::string large;
   while (large.size() < (9u << 20)) large += "line " + std::to_string(large.size() % 977) + "\n";
   WriteFile(dir.Host("source/large.txt"), large);
+  WriteFile(dir.Host("source/a/middle.txt"), large.substr(1000, 3u << 20));
 }
 
 struct Outcome {
