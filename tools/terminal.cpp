@@ -88,7 +88,10 @@ void InstallInterruptHandler() {
   action.sa_handler = OnInterrupt;
   sigemptyset(&action.sa_mask);
   action.sa_flags = 0; // no restart: a pending read of an answer returns at once
-  sigaction(SIGINT, &action, nullptr);
+  // Being told to end (by kill, timeout or a service manager) or losing the
+  // terminal cancels the work as Ctrl-C does, so that nothing is left half
+  // done.
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
 }
 
 bool Interrupted() { return g_interrupted != 0; }

@@ -14,7 +14,8 @@ bool ErrorIsTerminal();
 // Columns of the terminal on standard error; 80 when unknown.
 int TerminalColumns();
 
-// Ctrl-C sets a flag that the hooks read; the library then cancels cleanly.
+// Ctrl-C (and SIGTERM or SIGHUP) sets a flag that the hooks read; the
+// library then cancels cleanly.
 void InstallInterruptHandler();
 bool Interrupted();
 // Marks the run as interrupted (a prompt that was answered with "cancel").

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <sys/stat.h>
@@ -426,6 +427,24 @@ TEST_F(ToolTest, OverwriteQuestionOnTerminal) {
   r = Tool({"extract", "--overwrite", "ask", "a.arc", "out"});
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_TRUE(Contains(r.err, "no terminal to ask on")) << r.err;
+}
+
+TEST_F(ToolTest, BeingToldToEndCancelsCleanly) {
+  // A file large enough to go through a temporary file; each signal comes
+  // while that file exists.
+  std::string large;
+  while (large.size() < (24u << 20)) large += "row " + std::to_string(large.size() % 7919) + "\n";
+  test::WriteFile(Path("src/large.txt"), large);
+  const std::string temp = Path("systemp");
+  fs::create_directories(temp);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    const RunResult r =
+        tooltest::Run({"create", "-j", "1", "a.arc", "src"}, dir.Host(), {"TMPDIR=" + temp}, signal,
+                      [&] { return !fs::is_empty(temp); });
+    EXPECT_EQ(r.exitCode, 130) << signal << r.err;
+    EXPECT_TRUE(fs::is_empty(temp)) << signal;
+    EXPECT_FALSE(fs::exists(Path("a.arc"))) << signal;
+  }
 }
 
 TEST_F(ToolTest, RemovableDriveAsksForEachDisk) {

@@ -49,7 +49,7 @@ std::size_t CountQuestions(const std::string& text) {
 std::string ToolPath() { return TALVERN_BINARY_DIR "/tools/talvern"; }
 
 RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
-              const std::vector<std::string>& env) {
+              const std::vector<std::string>& env, int signal, const std::function<bool()>& when) {
   int out[2], err[2];
   if (pipe(out) != 0 || pipe(err) != 0) return {};
   std::string tool;
@@ -75,7 +75,11 @@ RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
   int open = 2;
   const auto deadline = std::chrono::steady_clock::now() + kDeadline;
   while (open > 0 && std::chrono::steady_clock::now() < deadline) {
-    if (poll(fds, 2, 200) <= 0) continue;
+    if (signal != 0 && when()) {
+      kill(pid, signal);
+      signal = 0;
+    }
+    if (poll(fds, 2, signal != 0 ? 5 : 200) <= 0) continue;
     for (int i = 0; i < 2; ++i) {
       if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
       char buffer[4096];

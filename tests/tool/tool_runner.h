@@ -3,6 +3,7 @@
 // questions.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,10 @@ std::string ToolPath();
 // Runs the tool in cwd with standard input from /dev/null, without a
 // controlling terminal, with the environment variables NAME=VALUE of env
 // added.
+// With a signal, it is sent once, as soon as `when` returns true.
 RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
-              const std::vector<std::string>& env = {});
+              const std::vector<std::string>& env = {}, int signal = 0,
+              const std::function<bool()>& when = {});
 
 // Runs the tool on a pseudo-terminal. Each time the output shows one more
 // question (a line ending in ": " after "stop" or "[c]ancel"), the next
