@@ -34,7 +34,7 @@ for binary in "${targets[@]}"; do
   echo "== $target: ${seconds}s" >&2
   status=0
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    "$binary" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -print_final_stats=1 \
+    "$binary" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -close_fd_mask=3 -print_final_stats=1 \
     -artifact_prefix="$build/fuzz-findings/$target-" "$work" "$seeds/$target" >"$log" 2>&1 ||
     status=$?
   runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' | tail -1)
