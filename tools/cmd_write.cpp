@@ -125,7 +125,17 @@ CArchiveSize InferredLimit(const CString& firstVolume) {
   return CArchiveSize(std::min<std::uint64_t>(largest, 0xFFFFFFFEull));
 }
 
-void ReportLeftOut(Session& session, const Host& host) {
+void ReportLeftOut(Session& session, const Host& host, const Totals& planned) {
+  // A linked folder's contents are not in the archive: whoever extracts it
+  // finds an empty folder there.
+  for (const std::string& link : planned.linkedFolders)
+    session.Error("warning: " + link +
+                  " is a link to a folder: stored as an empty folder, without what it points to");
+  const std::size_t links = planned.linkedFolders.size();
+  if (links != 0)
+    session.Error(std::to_string(links) +
+                  (links == 1 ? " linked folder was" : " linked folders were") +
+                  " stored empty (see above)");
   const std::size_t failed = host.Failures().size();
   if (failed != 0)
     session.Error(std::to_string(failed) + (failed == 1 ? " item was" : " items were") +
@@ -227,7 +237,7 @@ int RunCreate(Session& session) {
   if (numbered && o.force) RemoveStaleVolumes(host.FileName());
   session.Result("created " + o.archive + ": " + SizesText(host.Done()) +
                  VolumesText(host, numbered) + " in " + SecondsText(session.progress.Seconds()));
-  ReportLeftOut(session, host);
+  ReportLeftOut(session, host, planned);
   return session.Outcome(host);
 }
 
@@ -306,7 +316,7 @@ int RunAdd(Session& session) {
       (newVolumes ? ", " + std::to_string(newVolumes) + " new volume" + (newVolumes == 1 ? "" : "s")
                   : std::string()) +
       " in " + SecondsText(session.progress.Seconds()));
-  ReportLeftOut(session, host);
+  ReportLeftOut(session, host, planned);
   return session.Outcome(host);
 }
 

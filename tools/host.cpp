@@ -363,7 +363,13 @@ void Host::CountTree(const CString& baseDir, const CString& folder, Totals& tota
 
 void Host::CountItem(const CString& baseDir, CArchiveEntry& item, Totals& totals) const {
   totals.Add(!IsDirectory(item), EntrySize(item), 0);
-  if (IsDirectory(item) && !(options_.srch & SrchNoRecurse))
+  if (!IsDirectory(item) || (options_.srch & SrchNoRecurse)) return;
+  // The library stores a folder reached through a link without entering
+  // it, so that no link can lead it round in circles.
+  if (item.FindData.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT)
+    totals.linkedFolders.push_back(
+        ToHostPath(JoinSource(baseDir.c_str(), item.Path.c_str(), item.FindData.cFileName)));
+  else
     CountTree(baseDir, EntryPathOf(item.Path, item.FindData.cFileName), totals);
 }
 

@@ -429,6 +429,19 @@ TEST_F(ToolTest, OverwriteQuestionOnTerminal) {
   EXPECT_TRUE(Contains(r.err, "no terminal to ask on")) << r.err;
 }
 
+TEST_F(ToolTest, LinkedFoldersAreStoredEmptyAndReported) {
+  fs::create_directory_symlink("docs", Tree() + "/docs link");
+  const RunResult r = Tool({"create", "a.arc", "tree"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_TRUE(Contains(r.err, "warning: " + Tree() +
+                                  "/docs link is a link to a folder: stored "
+                                  "as an empty folder"))
+      << r.err;
+  EXPECT_TRUE(Contains(r.err, "1 linked folder was stored empty")) << r.err;
+  // The folder itself is in the archive.
+  EXPECT_TRUE(Contains(Ok({"list", "a.arc"}).out, "docs link\n"));
+}
+
 TEST_F(ToolTest, BeingToldToEndCancelsCleanly) {
   // A file large enough to go through a temporary file; each signal comes
   // while that file exists.
