@@ -88,9 +88,24 @@ void RemoveStaleVolumes(const CString& lastVolume) {
 
 // A create that failed or was cancelled leaves no archive behind: the
 // volumes it wrote (which hold at most the entries before the failure)
-// are removed. Media in a removable drive are left as they are.
+// are removed. On a removable drive only the medium in the drive can be
+// reached: its volume is removed, and the media filled before it are named,
+// since what they hold can no longer be read.
 void RemoveIncomplete(Session& session, const Host& host, const CString& archive, bool numbered) {
-  if (session.drives.IsRemovable(archive.c_str())) return;
+  if (session.drives.IsRemovable(archive.c_str())) {
+    const VolumeHeader header = ReadVolumeHeader(archive);
+    if (header.valid && header.number == host.FilledMedia().size() && DeleteFileW(archive.c_str()))
+      session.Error("removed the incomplete volume " + ToHostPath(archive));
+    // The archive's place on every medium: its path below the drive's root.
+    std::string onMedium = Utf8(archive.substr(std::min<std::size_t>(archive.size(), 3)));
+    std::replace(onMedium.begin(), onMedium.end(), '\\', '/');
+    const auto& filled = host.FilledMedia();
+    for (std::size_t disk = 0; disk < filled.size(); ++disk)
+      session.Error("the medium of disk " + std::to_string(disk + 1) + " (" + filled[disk] +
+                    ") holds a volume of the incomplete archive: delete " + filled[disk] + "/" +
+                    onMedium);
+    return;
+  }
   std::vector<CString> volumes;
   DWORD last = 0;
   if (!numbered)

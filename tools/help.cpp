@@ -29,7 +29,9 @@ const char kDrive[] =
     "  --drive A:=DIR[,removable|cdrom|fixed][,size=SIZE][,cluster=N]\n"
     "                        put a folder in a simulated drive; archives in DIR are then\n"
     "                        named A:\\... (or by their host path). On a removable drive\n"
-    "                        the tool asks for the folder of each further disk.\n";
+    "                        the tool asks for the folder of each further disk.\n"
+    "  --media DIR,DIR,...   the folders of the further disks, in order, so that nobody\n"
+    "                        has to be asked (the tool asks once they are used up)\n";
 
 const char kCommon[] = "Common options:\n"
                        "  -q, --quiet           print nothing but errors (and listings)\n"

@@ -228,6 +228,19 @@ int Host::AskForMedium(const WCHAR* root, DWORD diskNo, int forWriting, bool wro
   const std::string want =
       forWriting ? "The archive goes on with " + disk + " on a new medium in " + letter + "."
                  : "The archive needs " + disk + " in " + letter + ".";
+  auto insert = [&](const std::string& folder) {
+    std::string error;
+    if (!drives_.Insert(drive->Letter, folder, error)) {
+      progress_.Print(stderr, "talvern: " + error);
+      return false;
+    }
+    if (forWriting && !wrongMedium) filledMedia_.push_back(current);
+    mediaStop_ = false;
+    return true;
+  };
+  // The media named on the command line come first, one for each request.
+  while (nextMedium_ < options_.media.size())
+    if (insert(options_.media[nextMedium_++])) return 1;
   while (true) {
     const auto answer =
         AskTerminal(why + want + "\nFolder of the medium [" + suggestion + "], or q to stop: ");
@@ -240,12 +253,7 @@ int Host::AskForMedium(const WCHAR* root, DWORD diskNo, int forWriting, bool wro
       break;
     }
     if (*answer == "q") break;
-    std::string error;
-    if (drives_.Insert(drive->Letter, answer->empty() ? suggestion : *answer, error)) {
-      mediaStop_ = false;
-      return 1;
-    }
-    progress_.Print(stderr, "talvern: " + error);
+    if (insert(answer->empty() ? suggestion : *answer)) return 1;
     why.clear();
   }
   if (forWriting) mediaStop_ = true;

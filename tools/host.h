@@ -84,6 +84,9 @@ public:
   // Whether a question had to be answered "stop" because there was no
   // terminal to ask on (then the cancellation is not the person's).
   bool CouldNotAsk() const { return couldNotAsk_; }
+  // Writing on a removable drive: the media that were filled and changed
+  // for the next, in order (the folders of disks 1, 2, ...).
+  const std::vector<std::string>& FilledMedia() const { return filledMedia_; }
   // Volumes created while adding.
   DWORD VolumesWritten() const { return volumesWritten_; }
 
@@ -185,6 +188,8 @@ private:
   bool overwriteAsked_ = false;
   bool itemSkipped_ = false;
   bool mediaStop_ = false;
+  std::size_t nextMedium_ = 0; // the next folder of --media
+  std::vector<std::string> filledMedia_;
   bool couldNotAsk_ = false;
   DWORD volumesWritten_ = 0;
   CString sourceBase_;

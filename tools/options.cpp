@@ -356,6 +356,19 @@ std::optional<Options> ParseCommandLine(const std::vector<std::string>& args, st
       }
       o.attr = o.attr | static_cast<Attr>(arg == "--clear" ? *bits : *bits << 16);
       used.emplace_back(arg, kWriting | Bit(Command::Extract));
+    } else if (arg == "--media") {
+      std::string text;
+      if (!value(text)) return std::nullopt;
+      for (std::size_t start = 0; start <= text.size();) {
+        const std::size_t comma = std::min(text.find(',', start), text.size());
+        if (comma == start) {
+          error = "--media: expected folders separated by commas";
+          return std::nullopt;
+        }
+        o.media.push_back(text.substr(start, comma - start));
+        start = comma + 1;
+      }
+      used.emplace_back(arg, kAll);
     } else if (arg == "--drive") {
       std::string text;
       if (!value(text)) return std::nullopt;

@@ -45,6 +45,9 @@ struct Options {
   std::vector<std::string> excludes;
   OverwritePolicy overwrite = OverwritePolicy::Default;
   std::vector<DriveOption> drives;
+  // --media: folders of the next media of a removable drive, used in turn
+  // before anybody is asked.
+  std::vector<std::string> media;
 
   bool quiet = false;
   bool verbose = false;

@@ -479,10 +479,38 @@ TEST_F(ToolTest, RemovableDriveAsksForEachDisk) {
   EXPECT_TRUE(Contains(r.out, "does not hold disk 2 of this archive")) << r.out;
   EXPECT_EQ(test::CompareTrees(Tree(), Path("out"), false), "");
 
-  // Without a terminal nobody can change the disk.
+  // Without a terminal nobody can change the disk, unless --media names them.
   r = Tool({"test", "--drive", readDrive, "media/disk1/backup.arc"});
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_TRUE(Contains(r.err, "drive A: needs the medium for disk 2")) << r.err;
+  const std::string further = Path("media/disk2") + "," + Path("media/disk3");
+  r = Tool({"test", "--drive", readDrive, "--media", further, "media/disk1/backup.arc"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+}
+
+TEST_F(ToolTest, RemovableDriveWithoutATerminal) {
+  for (const char* disk : {"disk1", "disk2", "disk3", "disk4"})
+    fs::create_directories(Path("media/") + disk);
+  const std::string drive = "A:=" + Path("media/disk1") + ",removable,size=64K";
+  // Too few media: the volume in the drive is removed, the filled disk named.
+  RunResult r =
+      Tool({"create", "--drive", drive, "--media", Path("media/disk2"), "A:/backup.arc", "tree"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_FALSE(test::Exists(Path("media/disk2/backup.arc")));
+  EXPECT_TRUE(Contains(r.err, "the medium of disk 1 (" + Path("media/disk1") +
+                                  ") holds a volume of the incomplete archive: delete " +
+                                  Path("media/disk1/backup.arc")))
+      << r.err;
+
+  // Enough media: the set is written and reads back.
+  const std::string media =
+      Path("media/disk2") + "," + Path("media/disk3") + "," + Path("media/disk4");
+  r = Tool({"create", "--force", "--drive", drive, "--media", media, "A:/backup.arc", "tree"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  r = Tool({"extract", "--drive", "A:=" + Path("media/disk1") + ",removable", "--media", media,
+            "A:/backup.arc", "out"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(test::CompareTrees(Tree(), Path("out"), false), "");
 }
 
 } // namespace
