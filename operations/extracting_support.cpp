@@ -28,14 +28,33 @@ bool IsForbiddenInName(WCHAR c) {
   }
 }
 
+WCHAR Upper(WCHAR c) { return c >= u'a' && c <= u'z' ? static_cast<WCHAR>(c - 32) : c; }
+
+// Whether a component names a device on Windows: CON, PRN, AUX, NUL, COM1
+// to COM9 or LPT1 to LPT9, with or without an extension (the part before
+// the first dot counts, trailing spaces left out). Writing to it would
+// write to the device, on Windows, whatever folder it is in.
+bool IsDeviceName(const WCHAR* begin, const WCHAR* end) {
+  const WCHAR* stem = begin;
+  while (stem != end && *stem != u'.') ++stem;
+  while (stem != begin && stem[-1] == u' ') --stem;
+  const auto length = stem - begin;
+  auto is = [&](const char* name) {
+    for (int i = 0; i < 3; ++i)
+      if (Upper(begin[i]) != static_cast<WCHAR>(name[i])) return false;
+    return true;
+  };
+  if (length == 3) return is("CON") || is("PRN") || is("AUX") || is("NUL");
+  return length == 4 && (is("COM") || is("LPT")) && begin[3] >= u'1' && begin[3] <= u'9';
+}
+
 bool IsContainedComponent(const WCHAR* begin, const WCHAR* end) {
   if (begin == end) return false;
-  bool onlyDotsAndSpaces = true;
-  for (const WCHAR* p = begin; p != end; ++p) {
+  for (const WCHAR* p = begin; p != end; ++p)
     if (IsForbiddenInName(*p)) return false;
-    if (*p != u'.' && *p != u' ') onlyDotsAndSpaces = false;
-  }
-  return !onlyDotsAndSpaces;
+  // Windows strips trailing dots and spaces: "x." would become "x", and
+  // "..", ". ." nothing at all.
+  return end[-1] != u'.' && end[-1] != u' ' && !IsDeviceName(begin, end);
 }
 
 } // namespace

@@ -15,10 +15,12 @@ bool PrepareExtractionPaths(const WCHAR* targetDir, const CString& archiveName, 
 
 // Whether a stored folder path (components separated by "\\") and a stored
 // name stay below the directory they are extracted into. A component is
-// refused when it is empty, consists of dots and spaces only (".", "..",
-// ". ." — Windows strips trailing dots and spaces, so these all climb or
-// stay put), or holds a character no Windows name can hold: a separator
-// ("\\" or "/"), the drive colon, a wildcard or a control character. An
-// empty folder is the top level and passes.
+// refused when it is empty, ends in a dot or a space (Windows strips them,
+// so "..", ". ." climb or stay put and "x." would land on "x"), names a
+// device ("CON", "nul.txt", "COM1", "LPT1.dat", ...), or holds a character
+// no Windows name can hold: a separator ("\\" or "/"), the drive or stream
+// colon, a wildcard or a control character. The same names are refused on
+// every system, so that an archive unpacks alike everywhere. An empty
+// folder is the top level and passes.
 bool IsContainedFolder(const CString& folder);
 bool IsContainedName(const WCHAR* name);

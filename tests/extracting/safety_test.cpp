@@ -19,8 +19,10 @@ std::vector<std::string> Outside(const TempDir& tmp) {
 }
 
 TEST_F(ExtractTest, HostileNamesCreateNothingOutsideTheTarget) {
-  const char* names[] = {"..\\..\\x", "C:\\x", "a\\..\\..\\b", "..", ".", ". .",
-                         ".. ",       "c:x",   "x/../../y",    "",   "*", "a?"};
+  const char* names[] = {"..\\..\\x", "C:\\x",    "a\\..\\..\\b", "..",    ".",   ". .",
+                         ".. ",       "c:x",      "x/../../y",    "",      "*",   "a?",
+                         "x.",        "x ",       "a:stream",     "\x01x", "CON", "nul.txt",
+                         "Com1",      "LPT9.dat", "aux .c"};
   for (const char* name : names) {
     for (bool directory : {false, true}) {
       SCOPED_TRACE(std::string(name) + (directory ? " (directory)" : " (file)"));
@@ -39,9 +41,16 @@ TEST_F(ExtractTest, HostileNamesCreateNothingOutsideTheTarget) {
   }
 }
 
+TEST_F(ExtractTest, NamesThatOnlyLookLikeDevicesAreExtracted) {
+  WriteArchive({File("", "CONSOLE", "1"), File("", "com10.txt", "2"), File("", "lpt0", "3"),
+                File("", "nul_x", "4")});
+  EXPECT_EQ(1, ExpandAll()) << archive.GetErrorCode();
+  EXPECT_EQ((V{"CONSOLE", "com10.txt", "lpt0", "nul_x"}), ListTree(Out()));
+}
+
 TEST_F(ExtractTest, ExpandRefusesHostileFoldersBeforeCreatingThem) {
-  const char* folders[] = {"..\\..", "a\\..\\..", "C:",  "C:\\x", "\\\\srv\\share",
-                           "\\a",    "a\\\\b",    "a\\", ".",     "a\\. \\b"};
+  const char* folders[] = {"..\\..", "a\\..\\..", "C:", "C:\\x",    "\\\\srv\\share", "\\a",
+                           "a\\\\b", "a\\",       ".",  "a\\. \\b", "a\\CON\\b",      "dir."};
   for (const char* folder : folders) {
     SCOPED_TRACE(folder);
     archive.Close();
