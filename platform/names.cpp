@@ -99,6 +99,25 @@ bool IsForbiddenInName(char32_t c) {
   }
 }
 
+// The length of a Windows device name at the start of a name (CON, PRN,
+// AUX, NUL, COM1 to COM9, LPT1 to LPT9, in any case, alone or before an
+// extension, trailing spaces left out), or 0.
+std::size_t DeviceStemLength(const CString& name) {
+  std::size_t stem = name.find(u'.');
+  if (stem == CString::npos) stem = name.size();
+  while (stem != 0 && name[stem - 1] == u' ') --stem;
+  auto is = [&](const char* device) {
+    for (std::size_t k = 0; k < 3; ++k) {
+      const WCHAR c = name[k] >= u'a' && name[k] <= u'z' ? name[k] - 32 : name[k];
+      if (c != static_cast<WCHAR>(device[k])) return false;
+    }
+    return true;
+  };
+  if (stem == 3 && (is("CON") || is("PRN") || is("AUX") || is("NUL"))) return 3;
+  if (stem == 4 && (is("COM") || is("LPT")) && name[3] >= u'1' && name[3] <= u'9') return 4;
+  return 0;
+}
+
 locale_t UnicodeLocale() {
   static const locale_t loc = [] {
     locale_t l = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
@@ -131,6 +150,15 @@ CString HostNameToWindows(std::string_view hostName) {
     AppendUtf16(out, static_cast<char32_t>(cp));
     i += length;
   }
+  // Windows strips a trailing dot or space and takes device names (CON,
+  // NUL, COM1, "nul.txt", ...) as devices: the last such character, or the
+  // device name's last letter, is escaped, so that the name stays itself
+  // on Windows too. "." and ".." keep their meaning.
+  const bool dots = hostName == "." || hostName == "..";
+  if (!dots && !out.empty() && (out.back() == u'.' || out.back() == u' '))
+    out.back() = static_cast<WCHAR>(kEscapeBase + out.back());
+  const std::size_t stem = DeviceStemLength(out);
+  if (stem != 0) out[stem - 1] = static_cast<WCHAR>(kEscapeBase + out[stem - 1]);
   return out;
 }
 

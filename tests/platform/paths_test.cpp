@@ -116,16 +116,36 @@ TEST(CurrentDirectory, IsPresentedThroughDrivesAndShares) {
 TEST(Names, AwkwardHostNamesSurviveTheRoundTrip) {
   test::TempDir dir;
   // Invalid UTF-8, characters a Windows name cannot hold, a control code,
-  // a character outside the BMP, and a code point of the escape range.
-  const std::vector<std::string> names = {"bad\xff\xfe.bin", "a:b",
-                                          "back\\slash",     "q?*\"<>|",
-                                          "tab\tname",       "emoji\xf0\x9f\x98\x80",
-                                          "esc\xef\x80\x81", "over\xc0\xaflong"};
-  const std::vector<CString> expected = {
-      u"bad\uf0ff\uf0fe.bin",   u"a\uf03ab",
-      u"back\uf05cslash",       u"q\uf03f\uf02a\uf022\uf03c\uf03e\uf07c",
-      u"tab\uf009name",         u"emoji\U0001F600",
-      u"esc\uf0ef\uf080\uf081", u"over\uf0c0\uf0aflong"};
+  // a character outside the BMP, a code point of the escape range, names
+  // Windows would strip or take as devices.
+  const std::vector<std::string> names = {"bad\xff\xfe.bin",
+                                          "a:b",
+                                          "back\\slash",
+                                          "q?*\"<>|",
+                                          "tab\tname",
+                                          "emoji\xf0\x9f\x98\x80",
+                                          "esc\xef\x80\x81",
+                                          "over\xc0\xaflong",
+                                          "x.",
+                                          "y ",
+                                          "...",
+                                          "CON",
+                                          "nul.txt",
+                                          "Lpt9 .c"};
+  const std::vector<CString> expected = {u"bad\uf0ff\uf0fe.bin",
+                                         u"a\uf03ab",
+                                         u"back\uf05cslash",
+                                         u"q\uf03f\uf02a\uf022\uf03c\uf03e\uf07c",
+                                         u"tab\uf009name",
+                                         u"emoji\U0001F600",
+                                         u"esc\uf0ef\uf080\uf081",
+                                         u"over\uf0c0\uf0aflong",
+                                         u"x\uf02e",
+                                         u"y\uf020",
+                                         u"..\uf02e",
+                                         u"CO\uf04e",
+                                         u"nu\uf06c.txt",
+                                         u"Lpt\uf039 .c"};
   for (std::size_t i = 0; i < names.size(); ++i) {
     const CString win = talvern::HostPathToWindows(dir.Host(names[i]));
     EXPECT_EQ(win, dir.Win() + u"\\" + expected[i]) << names[i];
