@@ -5,6 +5,7 @@
 #include <talvern/archive.h>
 
 #include "engine/compress_ahead.h"
+#include "engine/lz_engine.h"
 
 #include <cstdint>
 #include <cstring>
@@ -84,6 +85,9 @@ struct CArchiveFileData {
   bool DirectTransfer = false;
   bool TestOnly = false;
   std::unique_ptr<talvern::engine::CompressAhead> Ahead;
+  // The engine's arrays, kept from one entry to the next on the host's
+  // thread.
+  EngineArrays Arrays;
   // The cluster size of the open volume's medium, asked once per open
   // volume (0: not asked yet); the medium changes only with the volume.
   CString ClusterRoot;

@@ -218,7 +218,7 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
                                const WCHAR* arg3, const CArchiveEntry& entry,
                                const CArchiveSize& size, const WCHAR* target, const WCHAR* source,
                                DWORD method, DWORD& crc) {
-  const ProgressTarget hook{this, arg1, arg2, arg3, &entry, &size};
+  const ProgressTarget hook{this, arg1, arg2, arg3, &entry, &size, &m_Data->Arrays};
   if (m_Data->Ahead && method == talvern::engine::MethodFormat1) {
     if (auto prepared = m_Data->Ahead->TakeUnchanged(source))
       return StorePrepared(error, hook, *prepared, target, crc) ? TRUE : FALSE;
@@ -232,7 +232,7 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
 int CArchiveFile::ExecExpand(DWORD& error, const WCHAR* arg1, const WCHAR* arg2, const WCHAR* arg3,
                              const CArchiveEntry& entry, const CArchiveSize& size,
                              const WCHAR* target, const WCHAR* source, DWORD method, DWORD crc) {
-  const ProgressTarget hook{this, arg1, arg2, arg3, &entry, &size};
+  const ProgressTarget hook{this, arg1, arg2, arg3, &entry, &size, &m_Data->Arrays};
   DWORD sum = 0;
   if (!RunDriver(error, hook, target, source, method, false, sum)) return FALSE;
   if (sum != crc) {

@@ -1,6 +1,7 @@
 // Compression ahead of an adding walk, on worker threads.
 #include "engine/compress_ahead.h"
 
+#include "engine/lz_engine.h"
 #include "foundation/handles.h"
 #include "operations/item_rules.h"
 
@@ -136,6 +137,7 @@ void CompressAhead::Drop(Job& job) {
 void CompressAhead::Release(const Job& job) { (job.spills ? spilled_ : held_) -= job.charge; }
 
 void CompressAhead::Work() {
+  EngineArrays arrays; // this worker's engine arrays, from file to file
   for (;;) {
     std::shared_ptr<Job> job;
     {
@@ -162,11 +164,11 @@ void CompressAhead::Work() {
       if (sized && GetFileTime(source.Get(), nullptr, nullptr, &file.lastWrite)) {
         file.size = static_cast<std::uint64_t>(high) << 32 | low;
         if (!job->spills)
-          file.ok = CompressToMemory(error, source.Get(), file.size, file.data);
+          file.ok = CompressToMemory(error, source.Get(), file.size, file.data, nullptr, &arrays);
         else if (OpenSpill(file.spill))
-          file.ok =
-              CompressToFile(error, source.Get(), file.size, file.spill.File().Get(), file.data) &&
-              SetFilePointer(file.spill.File().Get(), 0, nullptr, FILE_BEGIN) == 0;
+          file.ok = CompressToFile(error, source.Get(), file.size, file.spill.File().Get(),
+                                   file.data, &arrays) &&
+                    SetFilePointer(file.spill.File().Get(), 0, nullptr, FILE_BEGIN) == 0;
       }
     }
 

@@ -47,6 +47,7 @@ void SetSource(CFileIO& stream, const StoredData& data) {
 
 void PrepareEngine(CEncodeDecode1& engine, const ProgressTarget& target, CArchiveSize& count,
                    bool compressing) {
+  engine.Keeper = target.arrays;
   engine.Create(DriverDicBits, DriverMaxMatch);
   engine.Host = target.host;
   engine.NotifyArg1 = target.arg1;
@@ -65,13 +66,15 @@ namespace {
 // Method 1 from `source` into memory (`target` invalid) or into the open
 // file `target`; see CompressToMemory.
 bool CompressInto(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target,
-                  CompressedData& out, const ProgressTarget* progress) {
+                  CompressedData& out, const ProgressTarget* progress, EngineArrays* arrays) {
   CEncodeDecode1 engine;
   CArchiveSize count(0);
-  if (progress != nullptr)
+  if (progress != nullptr) {
     PrepareEngine(engine, *progress, count, true);
-  else
+  } else {
+    engine.Keeper = arrays;
     engine.Create(DriverDicBits, DriverMaxMatch);
+  }
   if (!engine.IsCreated()) {
     error = ERROR_OUTOFMEMORY;
     return false;
@@ -122,13 +125,14 @@ bool CompressInto(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target
 } // namespace
 
 bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
-                      const ProgressTarget* progress) {
-  return CompressInto(error, source, size, INVALID_HANDLE_VALUE, out, progress);
+                      const ProgressTarget* progress, EngineArrays* arrays) {
+  return CompressInto(error, source, size, INVALID_HANDLE_VALUE, out, progress,
+                      progress != nullptr ? progress->arrays : arrays);
 }
 
 bool CompressToFile(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target,
-                    CompressedData& out) {
-  return CompressInto(error, source, size, target, out, nullptr);
+                    CompressedData& out, EngineArrays* arrays) {
+  return CompressInto(error, source, size, target, out, nullptr, arrays);
 }
 
 bool ReplayCompressProgress(const ProgressTarget& target, const std::vector<DWORD>& reads) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 class CEncodeDecode1;
+struct EngineArrays;
 
 namespace talvern::engine {
 
@@ -27,6 +28,7 @@ struct ProgressTarget {
   const WCHAR* arg3 = nullptr;
   const CArchiveEntry* entry = nullptr;
   const CArchiveSize* size = nullptr;
+  EngineArrays* arrays = nullptr; // where the engine's arrays are kept between entries
 };
 
 // Sets up a method-1 engine with the drivers' parameters to report to
@@ -52,12 +54,12 @@ struct CompressedData {
 // reads are kept in `out.reads`. FALSE with the error code when the source
 // cannot be read, memory is short or the host refused.
 bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
-                      const ProgressTarget* progress = nullptr);
+                      const ProgressTarget* progress = nullptr, EngineArrays* arrays = nullptr);
 
 // As CompressToMemory without a host to tell, into the open file `target`
 // from its current position; `out.bytes` stays empty.
 bool CompressToFile(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target,
-                    CompressedData& out);
+                    CompressedData& out, EngineArrays* arrays = nullptr);
 
 // Tells the host what compressing the file told it, in the same calls with
 // the same counts, starting from 0. FALSE (the engine's 1223) when the host

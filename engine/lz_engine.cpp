@@ -254,11 +254,7 @@ struct FormatOneCoder {
 CEncodeDecodeBase::CEncodeDecodeBase() = default;
 
 CEncodeDecodeBase::~CEncodeDecodeBase() {
-  NodeBlock.reset();
-  Text.reset();
-  Nodes = nullptr;
-  NodeInfo = nullptr;
-  HashHeads = nullptr;
+  CEncodeDecodeBase::Destroy();
   // The host hears once more; its answer no longer matters.
   ReadNotify(0);
   WriteNotify(0);
@@ -279,8 +275,18 @@ BOOL CEncodeDecodeBase::Create(BYTE dicBits, WORD maxMatch) {
   // kept for a flag, and levels are 8-bit: that bounds both parameters.
   if (dicBits < 9 || dicBits > 13 || maxMatch <= MinMatch || maxMatch > 256) return FALSE;
   const std::size_t n = DicSize;
-  NodeBlock.reset(new (std::nothrow) BYTE[16 * n + 17408]());
-  Text.reset(new (std::nothrow) BYTE[maxMatch + 2 * n]());
+  const std::size_t nodeBytes = 16 * n + 17408;
+  const std::size_t textBytes = maxMatch + 2 * n;
+  if (Keeper != nullptr && Keeper->NodeBlock && Keeper->NodeBytes == nodeBytes &&
+      Keeper->TextBytes == textBytes) {
+    NodeBlock = std::move(Keeper->NodeBlock);
+    Text = std::move(Keeper->Text);
+    std::fill_n(NodeBlock.get(), nodeBytes, BYTE{0});
+    std::fill_n(Text.get(), textBytes, BYTE{0});
+  } else {
+    NodeBlock.reset(new (std::nothrow) BYTE[nodeBytes]());
+    Text.reset(new (std::nothrow) BYTE[textBytes]());
+  }
   if (!NodeBlock || !Text) {
     Destroy();
     return FALSE;
@@ -293,6 +299,12 @@ BOOL CEncodeDecodeBase::Create(BYTE dicBits, WORD maxMatch) {
 }
 
 void CEncodeDecodeBase::Destroy() {
+  if (Keeper != nullptr && NodeBlock && Text) {
+    Keeper->NodeBytes = 16 * std::size_t{DicSize} + 17408;
+    Keeper->TextBytes = MaxMatch + 2 * std::size_t{DicSize};
+    Keeper->NodeBlock = std::move(NodeBlock);
+    Keeper->Text = std::move(Text);
+  }
   NodeBlock.reset();
   Text.reset();
   Nodes = nullptr;

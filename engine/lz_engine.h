@@ -34,6 +34,17 @@ public:
   CEncodeDecodeBase* Target = nullptr;
 };
 
+// The two arrays of an engine, kept between engines: an engine created with
+// a keeper takes them from it when they have the sizes it needs, and gives
+// them back when it is destroyed. Work on many small files then allocates
+// (and the system maps) the arrays once, not once a file.
+struct EngineArrays {
+  std::unique_ptr<BYTE[]> NodeBlock;
+  std::unique_ptr<BYTE[]> Text;
+  std::size_t NodeBytes = 0;
+  std::size_t TextBytes = 0;
+};
+
 class CEncodeDecodeBase {
 public:
   // Results of DecodeCode.
@@ -101,6 +112,7 @@ public:
     WORD Position;
   };
 
+  EngineArrays* Keeper = nullptr;    // where the arrays come from and go back to
   std::unique_ptr<BYTE[]> NodeBlock; // Nodes, HashHeads and NodeInfo, in that order
   std::unique_ptr<BYTE[]> Text;      // the window: 2N + MaxMatch bytes
   Node* Nodes = nullptr;             // 2N records

@@ -375,7 +375,7 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   bool inMemory = false;
   auto prepareInMemory = [&]() -> int {
     const CArchiveSize noSize;
-    const ProgressTarget hook{this, root, baseDir, folder.c_str(), &entry, &noSize};
+    const ProgressTarget hook{this, root, baseDir, folder.c_str(), &entry, &noSize, &d.Arrays};
     talvern::engine::CompressedData compressed;
     std::unique_ptr<talvern::engine::PreparedFile> prepared;
     if (d.Ahead && entry.CompressType != 0) prepared = d.Ahead->TakeUnchanged(source);

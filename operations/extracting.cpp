@@ -41,7 +41,7 @@ constexpr DWORD kContinuedBit = 0x80000000u;
 bool ExpandDirect(CArchiveFile& archive, const talvern::engine::StoredData& data,
                   std::uint64_t from, const WCHAR* targetDir, const WCHAR* root,
                   const WCHAR* folder, const CArchiveEntry& entry, std::uint64_t passed,
-                  const WCHAR* output, DWORD method, const ItemTimes* times) {
+                  const WCHAR* output, DWORD method, const ItemTimes* times, EngineArrays* arrays) {
   DWORD error = ERROR_SUCCESS;
   bool ok = data.memory != nullptr || volume_io::SeekTo(data.file, from);
   if (!ok) error = LastErrorOr();
@@ -56,8 +56,8 @@ bool ExpandDirect(CArchiveFile& archive, const talvern::engine::StoredData& data
   }
   if (ok) {
     const CArchiveSize size(passed);
-    const talvern::engine::ProgressTarget progress{&archive, targetDir, root,
-                                                   folder,   &entry,    &size};
+    const talvern::engine::ProgressTarget progress{&archive, targetDir, root,  folder,
+                                                   &entry,   &size,     arrays};
     ok = talvern::engine::ExpandStored(error, progress, data, target.Get(), method, entry.Crc);
   }
   // The times go on while the output is still open, which saves opening
@@ -486,7 +486,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
       ok = ExpandDirect(*this, data, sink == Sink::Nothing ? entry.DataOffset.GetValue() : 0,
                         targetDir, root, folder.c_str(), entry, passed,
                         d.TestOnly ? nullptr : outputPath.c_str(), method,
-                        created ? &times : nullptr);
+                        created ? &times : nullptr, &d.Arrays);
       timesSet = created;
     }
     temporary.File().Close();
