@@ -84,6 +84,7 @@ struct CArchiveFileData {
   DWORD CompressThreads = 1;
   bool DirectTransfer = false;
   bool TestOnly = false;
+  bool FollowLinks = false;
   std::unique_ptr<talvern::engine::CompressAhead> Ahead;
   // The engine's arrays, kept from one entry to the next on the host's
   // thread.

@@ -153,6 +153,8 @@ void CArchiveFile::SetCompressThreads(DWORD threads) { m_Data->CompressThreads =
 DWORD CArchiveFile::GetCompressThreads() const { return m_Data->CompressThreads; }
 void CArchiveFile::SetDirectTransfer(int direct) { m_Data->DirectTransfer = direct != 0; }
 int CArchiveFile::IsDirectTransfer() const { return m_Data->DirectTransfer ? 1 : 0; }
+void CArchiveFile::SetFollowLinks(int follow) { m_Data->FollowLinks = follow != 0; }
+int CArchiveFile::IsFollowLinks() const { return m_Data->FollowLinks ? 1 : 0; }
 void CArchiveFile::SetTestOnly(int testOnly) { m_Data->TestOnly = testOnly != 0; }
 int CArchiveFile::IsTestOnly() const { return m_Data->TestOnly ? 1 : 0; }
 

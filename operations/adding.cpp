@@ -276,6 +276,38 @@ int CArchiveFile::Compress(const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlag
   return result;
 }
 
+namespace {
+
+// The volume and file index of what a path leads to, links followed.
+bool IdentityOf(const CString& path, std::pair<DWORD, std::uint64_t>& identity) {
+  const ScopedHandle item(CreateFileW(path.c_str(), GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  BY_HANDLE_FILE_INFORMATION information{};
+  if (!item.IsValid() || !GetFileInformationByHandle(item.Get(), &information)) return false;
+  identity = {information.dwVolumeSerialNumber,
+              static_cast<std::uint64_t>(information.nFileIndexHigh) << 32 |
+                  information.nFileIndexLow};
+  return true;
+}
+
+} // namespace
+
+int CArchiveFile::IsLinkToAncestor(const WCHAR* baseDir, const CString& folder,
+                                   const CString& source) {
+  std::pair<DWORD, std::uint64_t> target, inside;
+  if (!IdentityOf(source, target)) return 1;
+  CString path = baseDir;
+  for (std::size_t at = 0;;) {
+    if (IdentityOf(path, inside) && inside == target) return 1;
+    if (at >= folder.size()) return 0;
+    const std::size_t end = std::min(folder.find(u'\\', at), folder.size());
+    path += u'\\';
+    path.append(folder, at, end - at);
+    at = end + 1;
+  }
+}
+
 int CArchiveFile::DoCompressAll(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& entry,
                                 CSrchFlags srch, CAttrFlags attr) {
   static const WCHAR kEverything[] = {u'*', u'.', u'*', 0};
@@ -599,7 +631,9 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   buffer.reset();
   if (!options.KeepFolder) entry.Path = folder;
 
-  if (result && isDirectory && !(srch & SrchNoRecurse) && !isLinkedFolder) {
+  const bool enter =
+      !isLinkedFolder || (d.FollowLinks && !IsLinkToAncestor(baseDir, folder, source));
+  if (result && isDirectory && !(srch & SrchNoRecurse) && enter) {
     if (!entry.Path.empty()) entry.Path += u'\\';
     entry.Path += fd.cFileName;
     result = DoCompressAll(root, baseDir, entry, srch, attr);

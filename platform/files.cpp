@@ -463,6 +463,31 @@ BOOL FlushFileBuffers(HANDLE file) {
   return TRUE;
 }
 
+BOOL GetFileInformationByHandle(HANDLE file, LPBY_HANDLE_FILE_INFORMATION information) {
+  FileObject* f = FileFromHandle(file);
+  if (f == nullptr) return FALSE;
+  if (information == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+  ItemInfo info;
+  struct stat st {};
+  if (!QueryItem(f->host, std::string_view(), info)) return FALSE;
+  if (::fstat(f->fd, &st) != 0) return Fail(ERROR_INVALID_HANDLE);
+  *information = BY_HANDLE_FILE_INFORMATION{};
+  information->dwFileAttributes = info.attributes;
+  information->ftCreationTime = info.creation;
+  information->ftLastAccessTime = info.lastAccess;
+  information->ftLastWriteTime = info.lastWrite;
+  // The device stands for the volume and the inode for the file index.
+  const auto device = static_cast<std::uint64_t>(st.st_dev);
+  information->dwVolumeSerialNumber = static_cast<DWORD>(device ^ (device >> 32));
+  information->nFileSizeHigh = static_cast<DWORD>(info.size >> 32);
+  information->nFileSizeLow = static_cast<DWORD>(info.size);
+  information->nNumberOfLinks = static_cast<DWORD>(st.st_nlink);
+  const auto inode = static_cast<std::uint64_t>(st.st_ino);
+  information->nFileIndexHigh = static_cast<DWORD>(inode >> 32);
+  information->nFileIndexLow = static_cast<DWORD>(inode);
+  return TRUE;
+}
+
 BOOL GetFileTime(HANDLE file, LPFILETIME creationTime, LPFILETIME lastAccessTime,
                  LPFILETIME lastWriteTime) {
   FileObject* f = FileFromHandle(file);

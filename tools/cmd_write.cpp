@@ -144,8 +144,11 @@ void ReportLeftOut(Session& session, const Host& host, const Totals& planned) {
   // A linked folder's contents are not in the archive: whoever extracts it
   // finds an empty folder there.
   for (const std::string& link : planned.linkedFolders)
-    session.Error("warning: " + link +
-                  " is a link to a folder: stored as an empty folder, without what it points to");
+    session.Error("warning: " + link + " is a link to a folder" +
+                  (session.options.followLinks
+                       ? " above it: stored as an empty folder, not followed"
+                       : ": stored as an empty folder, without what it "
+                         "points to (--follow-links packs it)"));
   const std::size_t links = planned.linkedFolders.size();
   if (links != 0)
     session.Error(std::to_string(links) +

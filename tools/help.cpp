@@ -76,6 +76,9 @@ std::string CommandHelp(Command command) {
                        "  --volume-size SIZE        largest size of each volume (1K to 4G)\n"
                        "  --first-volume-size SIZE  a different size for the first volume\n"
                        "  --store                   store the data without compressing it\n"
+                       "  --follow-links            pack what folders reached through links hold\n"
+                       "                            (else they are stored empty); a link to a\n"
+                       "                            folder above it is not followed\n"
                        "  -j N, --threads N         compress with N threads (default: one per\n"
                        "                            processor); the archive is the same\n"
                        "  --force                   replace an existing archive\n"
@@ -91,7 +94,7 @@ std::string CommandHelp(Command command) {
                        "largest full volume.\n"
                        "\n"
                        "  --volume-size SIZE, --first-volume-size SIZE, --store, -j N,\n"
-                       "  --dirs-only, --no-dirs    as for create\n") +
+                       "  --follow-links, --dirs-only, --no-dirs    as for create\n") +
            kDrive + "\n" + kSelection + "\n" + kAttributes + "\n" + kCommon;
   case Command::Extract:
     return std::string(

@@ -63,6 +63,7 @@ Host::Host(const Options& options, OverwritePolicy overwrite, Progress& progress
   // for their own sake: its files go through memory, several at a time.
   SetDirectTransfer(1);
   SetCompressThreads(options.threads);
+  SetFollowLinks(options.followLinks ? 1 : 0);
 }
 
 void Host::SetMode(HostMode mode) {
@@ -373,12 +374,16 @@ void Host::CountItem(const CString& baseDir, CArchiveEntry& item, Totals& totals
   totals.Add(!IsDirectory(item), EntrySize(item), 0);
   if (!IsDirectory(item) || (options_.srch & SrchNoRecurse)) return;
   // The library stores a folder reached through a link without entering
-  // it, so that no link can lead it round in circles.
-  if (item.FindData.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT)
-    totals.linkedFolders.push_back(
-        ToHostPath(JoinSource(baseDir.c_str(), item.Path.c_str(), item.FindData.cFileName)));
-  else
-    CountTree(baseDir, EntryPathOf(item.Path, item.FindData.cFileName), totals);
+  // it (unless told to follow links), and never one that leads to a folder
+  // above it, so that no link can lead it round in circles.
+  if (item.FindData.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) {
+    const CString source = JoinSource(baseDir.c_str(), item.Path.c_str(), item.FindData.cFileName);
+    if (!options_.followLinks || IsLinkToAncestor(baseDir.c_str(), item.Path, source)) {
+      totals.linkedFolders.push_back(ToHostPath(source));
+      return;
+    }
+  }
+  CountTree(baseDir, EntryPathOf(item.Path, item.FindData.cFileName), totals);
 }
 
 // ---- Progress ---------------------------------------------------------------------------

@@ -38,7 +38,8 @@ struct Totals {
   std::uint64_t folders = 0;
   std::uint64_t bytes = 0;  // original sizes
   std::uint64_t packed = 0; // stored sizes
-  // Folders reached through symbolic links: stored, but not entered.
+  // Folders reached through symbolic links and stored empty: every one, or
+  // with --follow-links those that lead to a folder above them.
   std::vector<std::string> linkedFolders;
 
   void Add(bool isFile, std::uint64_t size, std::uint64_t packedSize);

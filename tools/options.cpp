@@ -297,6 +297,10 @@ std::optional<Options> ParseCommandLine(const std::vector<std::string>& args, st
       if (!noValue()) return std::nullopt;
       o.json = true;
       used.emplace_back(arg, Bit(Command::List) | Bit(Command::Info));
+    } else if (arg == "--follow-links") {
+      if (!noValue()) return std::nullopt;
+      o.followLinks = true;
+      used.emplace_back(arg, kWriting);
     } else if (arg == "--store") {
       if (!noValue()) return std::nullopt;
       o.store = true;

@@ -37,6 +37,7 @@ struct Options {
   std::uint64_t volumeSize = 0;      // 0: none
   std::uint64_t firstVolumeSize = 0; // 0: as volumeSize
   bool store = false;
+  bool followLinks = false; // --follow-links: pack what linked folders hold
   bool force = false;
   unsigned threads = 0; // -j: compressing threads; 0: one per processor
   CArchiveFile::CSrchFlags srch = static_cast<CArchiveFile::CSrchFlags>(0);

@@ -429,17 +429,29 @@ TEST_F(ToolTest, OverwriteQuestionOnTerminal) {
   EXPECT_TRUE(Contains(r.err, "no terminal to ask on")) << r.err;
 }
 
-TEST_F(ToolTest, LinkedFoldersAreStoredEmptyAndReported) {
+TEST_F(ToolTest, LinkedFoldersAreReportedAndFollowedOnlyWhenAsked) {
   fs::create_directory_symlink("docs", Tree() + "/docs link");
-  const RunResult r = Tool({"create", "a.arc", "tree"});
+  fs::create_directory_symlink("..", Tree() + "/docs/up");
+  // Without --follow-links both are stored empty, each named in a warning.
+  RunResult r = Tool({"create", "a.arc", "tree"});
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_TRUE(Contains(r.err, "warning: " + Tree() +
                                   "/docs link is a link to a folder: stored "
                                   "as an empty folder"))
       << r.err;
-  EXPECT_TRUE(Contains(r.err, "1 linked folder was stored empty")) << r.err;
-  // The folder itself is in the archive.
+  EXPECT_TRUE(Contains(r.err, "2 linked folders were stored empty")) << r.err;
   EXPECT_TRUE(Contains(Ok({"list", "a.arc"}).out, "docs link\n"));
+
+  // With it the linked folder is packed; links back up are not followed.
+  r = Tool({"create", "--follow-links", "b.arc", "tree"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_TRUE(Contains(r.err, Tree() + "/docs/up is a link to a folder above it")) << r.err;
+  EXPECT_TRUE(Contains(r.err, Tree() + "/docs link/up is a link to a folder above it")) << r.err;
+  EXPECT_TRUE(Contains(r.err, "2 linked folders were stored empty")) << r.err;
+  Ok({"extract", "b.arc", "out"});
+  EXPECT_EQ(test::ReadText(Path("out/docs link/guide.txt")),
+            test::ReadText(Tree() + "/docs/guide.txt"));
+  EXPECT_TRUE(fs::is_empty(Path("out/docs link/up")));
 }
 
 TEST_F(ToolTest, BeingToldToEndCancelsCleanly) {
