@@ -8,9 +8,9 @@
 #include <talvern/size.h>
 #include <talvern/win32.h>
 
-class CArchiveFindFile;    // a search handle: the position of the next record
-struct CArchiveFileData;   // the private state block of an archive object
-class CEncodeDecodeBase;   // the compression engine, which calls the progress hooks
+class CArchiveFindFile;   // a search handle: the position of the next record
+struct CArchiveFileData;  // the private state block of an archive object
+class CEncodeDecodeBase;  // the compression engine, which calls the progress hooks
 struct CArchiveFileAccess; // the library's internal access to the state block
 
 class TALVERN_API CArchiveFile {
@@ -71,94 +71,96 @@ public:
   CArchiveFile& operator=(const CArchiveFile&) = delete;
 
   // ---- Virtual members, in their fixed slot order -------------------------
-  virtual ~CArchiveFile();                             // 0
-  virtual int IsBusy() const;                          // 1
-  virtual int ReadOpen();                              // 2
-  virtual int WriteOpen(int create, int readable);     // 3
-  virtual int CreateOpen(int overwrite, int readable); // 4
-  virtual int Flush();                                 // 5
-  virtual int Close();                                 // 6
+  virtual ~CArchiveFile();                                                   // 0
+  virtual int IsBusy() const;                                                // 1
+  virtual int ReadOpen();                                                    // 2
+  virtual int WriteOpen(int create, int readable);                           // 3
+  virtual int CreateOpen(int overwrite, int readable);                       // 4
+  virtual int Flush();                                                       // 5
+  virtual int Close();                                                       // 6
 
 protected:
   virtual DWORD GetRequestCompressType(const CArchiveEntry& entry, CSrchFlags srch,
-                                       CAttrFlags attr) const; // 7
+                                       CAttrFlags attr) const;               // 7
   virtual int IsMatchCompressDir(const CArchiveEntry& entry, CSrchFlags srch,
-                                 CAttrFlags attr) const; // 8
+                                 CAttrFlags attr) const;                     // 8
   virtual int IsMatchCompressFile(const CArchiveEntry& entry, CSrchFlags srch,
-                                  CAttrFlags attr) const; // 9
+                                  CAttrFlags attr) const;                    // 9
   virtual int IsMatchExpandDir(const CArchiveEntry& entry, CSrchFlags srch,
-                               CAttrFlags attr) const; // 10
+                               CAttrFlags attr) const;                       // 10
   virtual int IsMatchExpandFile(const CArchiveEntry& entry, CSrchFlags srch,
-                                CAttrFlags attr) const;                          // 11
-  virtual int DiskChangeNotify(const WCHAR* root, DWORD diskNo, int forWriting); // 12
+                                CAttrFlags attr) const;                      // 11
+  virtual int DiskChangeNotify(const WCHAR* root, DWORD diskNo, int forWriting);        // 12
   virtual int InvalidDiskNotify(const WCHAR* root, DWORD diskNo, int forWriting,
-                                int foreignFile);                                            // 13
-  virtual int AlreadyOpenedNotify(const WCHAR* root);                                        // 14
-  virtual int FormatNotify(const WCHAR* path, DWORD number);                                 // 15
+                                int foreignFile);                                       // 13
+  virtual int AlreadyOpenedNotify(const WCHAR* root);                                   // 14
+  virtual int FormatNotify(const WCHAR* path, DWORD number);                            // 15
   virtual UINT GetTempCompressFile(CString& result, UINT unique, const WCHAR* prefix) const; // 16
-  virtual CDiskFullOperation DiskFullNotify(const WCHAR* root, int first);                   // 17
-  virtual int CompressFileNotify(const WCHAR* root, const WCHAR* sourceDir, const WCHAR* entryPath,
-                                 const CArchiveEntry& entry); // 18
-  virtual int CompressNotify(const WCHAR* root, const WCHAR* sourceDir, const WCHAR* entryPath,
-                             const CArchiveEntry& entry, const CArchiveSize& first,
-                             const CArchiveSize& second);                                 // 19
-  virtual int CompressStartNotify();                                                      // 20
-  virtual void CompressCompleteNotify(int result);                                        // 21
+  virtual CDiskFullOperation DiskFullNotify(const WCHAR* root, int first);              // 17
+  virtual int CompressFileNotify(const WCHAR* root, const WCHAR* sourceDir,
+                                 const WCHAR* entryPath, const CArchiveEntry& entry);   // 18
+  virtual int CompressNotify(const WCHAR* root, const WCHAR* sourceDir,
+                             const WCHAR* entryPath, const CArchiveEntry& entry,
+                             const CArchiveSize& first, const CArchiveSize& second);    // 19
+  virtual int CompressStartNotify();                                                    // 20
+  virtual void CompressCompleteNotify(int result);                                      // 21
   virtual int MakeBackupFile(const WCHAR* fileName, CString& result, int existing) const; // 22
   virtual COverwriteOperation OverwriteNotify(const WCHAR* targetDir, const WCHAR* entryPath,
-                                              const WIN32_FIND_DATAW& existing, const WCHAR* root,
-                                              const CArchiveEntry& entry); // 23
-  virtual int ExpandFileNotify(const WCHAR* targetDir, const WCHAR* root, const WCHAR* entryPath,
-                               const CArchiveEntry& entry); // 24
+                                              const WIN32_FIND_DATAW& existing,
+                                              const WCHAR* root,
+                                              const CArchiveEntry& entry);              // 23
+  virtual int ExpandFileNotify(const WCHAR* targetDir, const WCHAR* root,
+                               const WCHAR* entryPath, const CArchiveEntry& entry);     // 24
   virtual int ExpandNotify(const WCHAR* targetDir, const WCHAR* root, const WCHAR* entryPath,
                            const CArchiveEntry& entry, const CArchiveSize& first,
-                           const CArchiveSize& second); // 25
-  virtual int ExpandStartNotify();                      // 26
-  virtual void ExpandCompleteNotify(int result);        // 27
+                           const CArchiveSize& second);                                 // 25
+  virtual int ExpandStartNotify();                                                      // 26
+  virtual void ExpandCompleteNotify(int result);                                        // 27
   virtual int DoDiskChange(const WCHAR* root, CArchiveEntry& entry, const WCHAR* otherPath,
-                           int first, int noFirstPrompt); // 28
-  virtual int DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHAR* otherPath, int first,
-                         int noFirstPrompt); // 29
+                           int first, int noFirstPrompt);                               // 28
+  virtual int DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHAR* otherPath,
+                         int first, int noFirstPrompt);                                 // 29
   virtual int DoCreate(const WCHAR* targetDir, const WCHAR* root, const WCHAR* folder,
                        const CArchiveEntry& entry, const WCHAR* outputPath,
-                       CString& replacementName);               // 30
-  virtual int DoFormat(const WCHAR* path, DWORD diskNo);        // 31
-  virtual int DoFlushMedia(const WCHAR* root);                  // 32
-  virtual int DoEjectMedia(const WCHAR* root, int wasWritable); // 33
-  virtual int DoLoadMedia(const WCHAR* root, int forWriting);   // 34
+                       CString& replacementName);                                       // 30
+  virtual int DoFormat(const WCHAR* path, DWORD diskNo);                                // 31
+  virtual int DoFlushMedia(const WCHAR* root);                                          // 32
+  virtual int DoEjectMedia(const WCHAR* root, int wasWritable);                         // 33
+  virtual int DoLoadMedia(const WCHAR* root, int forWriting);                           // 34
   virtual int DoCompressAll(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& entry,
-                            CSrchFlags srch, CAttrFlags attr); // 35
+                            CSrchFlags srch, CAttrFlags attr);                          // 35
   virtual int DoExpandAll(const WCHAR* targetDir, const WCHAR* root, CArchiveEntry& entry,
                           CSrchFlags srch, CAttrFlags attr, CArchiveFindFile* find,
-                          int skip); // 36
+                          int skip);                                                    // 36
   virtual int DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& entry,
-                         CSrchFlags srch, CAttrFlags attr); // 37
+                         CSrchFlags srch, CAttrFlags attr);                             // 37
   virtual int DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEntry& entry,
                        CSrchFlags srch, CAttrFlags attr, CArchiveFindFile* find,
-                       int skip);                                       // 38
-  virtual HANDLE ExecDeviceOpen(const WCHAR* root, DWORD access) const; // 39
-  virtual int ExecDeviceClose(HANDLE device) const;                     // 40
-  virtual int ExecDeviceLock(HANDLE device) const;                      // 41
-  virtual int ExecDeviceUnlock(HANDLE device) const;                    // 42
-  virtual int ExecFlushMedia(HANDLE device) const;                      // 43
-  virtual int ExecEjectMedia(HANDLE device) const;                      // 44
-  virtual int ExecLoadMedia(HANDLE device) const;                       // 45
-  virtual int ExecLockMedia(HANDLE device, int prevent) const;          // 46
-  virtual int IsFormatMediaSupported() const;                           // 47
-  virtual int ExecCheckFormated(const WCHAR* path, DWORD diskNo) const; // 48
+                       int skip);                                                       // 38
+  virtual HANDLE ExecDeviceOpen(const WCHAR* root, DWORD access) const;                 // 39
+  virtual int ExecDeviceClose(HANDLE device) const;                                     // 40
+  virtual int ExecDeviceLock(HANDLE device) const;                                      // 41
+  virtual int ExecDeviceUnlock(HANDLE device) const;                                    // 42
+  virtual int ExecFlushMedia(HANDLE device) const;                                      // 43
+  virtual int ExecEjectMedia(HANDLE device) const;                                      // 44
+  virtual int ExecLoadMedia(HANDLE device) const;                                       // 45
+  virtual int ExecLockMedia(HANDLE device, int prevent) const;                          // 46
+  virtual int IsFormatMediaSupported() const;                                           // 47
+  virtual int ExecCheckFormated(const WCHAR* path, DWORD diskNo) const;                 // 48
 
 public:
-  virtual DWORD GetCompressType(DWORD requested) const; // 49
-  virtual int CheckExpandType(DWORD method) const;      // 50
+  virtual DWORD GetCompressType(DWORD requested) const;                                 // 49
+  virtual int CheckExpandType(DWORD method) const;                                      // 50
 
 protected:
-  virtual int ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg2, const WCHAR* arg3,
-                           const CArchiveEntry& entry, const CArchiveSize& size,
-                           const WCHAR* target, const WCHAR* source, DWORD method,
-                           DWORD& crc); // 51
-  virtual int ExecExpand(DWORD& error, const WCHAR* arg1, const WCHAR* arg2, const WCHAR* arg3,
-                         const CArchiveEntry& entry, const CArchiveSize& size, const WCHAR* target,
-                         const WCHAR* source, DWORD method, DWORD crc); // 52
+  virtual int ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg2,
+                           const WCHAR* arg3, const CArchiveEntry& entry,
+                           const CArchiveSize& size, const WCHAR* target,
+                           const WCHAR* source, DWORD method, DWORD& crc);              // 51
+  virtual int ExecExpand(DWORD& error, const WCHAR* arg1, const WCHAR* arg2,
+                         const WCHAR* arg3, const CArchiveEntry& entry,
+                         const CArchiveSize& size, const WCHAR* target, const WCHAR* source,
+                         DWORD method, DWORD crc);                                      // 52
 
 public:
   // ---- File name and limit ---------------------------------------------------
@@ -237,8 +239,8 @@ public:
   // ---- Volumes and media -----------------------------------------------------
   int IsRemovable(int forWriting, const WCHAR* root) const;
   int GetMediaInfo(DWORD& serial, DWORD& flags, CString* label, const WCHAR* path) const;
-  int IsSameMedia(DWORD serial1, DWORD serial2, DWORD flags1, DWORD flags2, const WCHAR* label1,
-                  const WCHAR* label2) const;
+  int IsSameMedia(DWORD serial1, DWORD serial2, DWORD flags1, DWORD flags2,
+                  const WCHAR* label1, const WCHAR* label2) const;
   DWORD GetDiskNo() const;
   int Format(const WCHAR* path, DWORD diskNo);
 
@@ -275,19 +277,16 @@ private:
 };
 
 // Bitwise operators that keep the enumeration type of their operands.
-#define TALVERN_ENUM_FLAG_OPERATORS(E)                                                             \
-  constexpr E operator|(E a, E b) {                                                                \
-    return static_cast<E>(static_cast<DWORD>(a) | static_cast<DWORD>(b));                          \
-  }                                                                                                \
-  constexpr E operator&(E a, E b) {                                                                \
-    return static_cast<E>(static_cast<DWORD>(a) & static_cast<DWORD>(b));                          \
-  }                                                                                                \
-  constexpr E operator^(E a, E b) {                                                                \
-    return static_cast<E>(static_cast<DWORD>(a) ^ static_cast<DWORD>(b));                          \
-  }                                                                                                \
-  constexpr E operator~(E a) { return static_cast<E>(~static_cast<DWORD>(a)); }                    \
-  constexpr E& operator|=(E& a, E b) { return a = a | b; }                                         \
-  constexpr E& operator&=(E& a, E b) { return a = a & b; }                                         \
+#define TALVERN_ENUM_FLAG_OPERATORS(E)                                                 \
+  constexpr E operator|(E a, E b) { return static_cast<E>(static_cast<DWORD>(a) |      \
+                                                          static_cast<DWORD>(b)); }    \
+  constexpr E operator&(E a, E b) { return static_cast<E>(static_cast<DWORD>(a) &      \
+                                                          static_cast<DWORD>(b)); }    \
+  constexpr E operator^(E a, E b) { return static_cast<E>(static_cast<DWORD>(a) ^      \
+                                                          static_cast<DWORD>(b)); }    \
+  constexpr E operator~(E a) { return static_cast<E>(~static_cast<DWORD>(a)); }        \
+  constexpr E& operator|=(E& a, E b) { return a = a | b; }                             \
+  constexpr E& operator&=(E& a, E b) { return a = a & b; }                             \
   constexpr E& operator^=(E& a, E b) { return a = a ^ b; }
 
 TALVERN_ENUM_FLAG_OPERATORS(CArchiveFile::CSrchFlags)

@@ -23,8 +23,7 @@ public:
   DWORD Crc = 0;              // CRC-32 of the uncompressed contents
   CString Path;               // folder inside the archive, "\\"-separated
   WIN32_FIND_DATAW FindData;  // attributes, times, size and name
-  CArchiveSecurity* Security =
-      nullptr; // owned; never null in a live entry unless allocation failed
+  CArchiveSecurity* Security = nullptr; // owned; never null in a live entry unless allocation failed
 
   CArchiveEntry();
   CArchiveEntry(const CArchiveEntry& other);

@@ -13,22 +13,26 @@
 #include <talvern/win32.h>
 
 TALVERN_API int GetCompressMemToMem(const void* source, DWORD sourceSize, DWORD* error,
-                                    DWORD* resultSize, void* destination, DWORD destinationSize,
-                                    DWORD method);
+                                    DWORD* resultSize, void* destination,
+                                    DWORD destinationSize, DWORD method);
 TALVERN_API int GetExpandMemToMem(const void* source, DWORD sourceSize, DWORD* error,
-                                  DWORD* resultSize, void* destination, DWORD destinationSize);
+                                  DWORD* resultSize, void* destination,
+                                  DWORD destinationSize);
 TALVERN_API int GetCompressFileToMem(void* source, DWORD sourceSize, DWORD* error,
-                                     DWORD* resultSize, void* destination, DWORD destinationSize,
-                                     DWORD method);
+                                     DWORD* resultSize, void* destination,
+                                     DWORD destinationSize, DWORD method);
 TALVERN_API int GetExpandMemToFile(const void* source, DWORD sourceSize, DWORD* error,
-                                   DWORD* resultSize, void* destination, DWORD destinationSize);
+                                   DWORD* resultSize, void* destination,
+                                   DWORD destinationSize);
 TALVERN_API int GetCompressMemToFile(const void* source, DWORD sourceSize, DWORD* error,
-                                     DWORD* resultSize, void* destination, DWORD destinationSize,
-                                     DWORD method);
-TALVERN_API int GetExpandFileToMem(void* source, DWORD sourceSize, DWORD* error, DWORD* resultSize,
-                                   void* destination, DWORD destinationSize);
+                                     DWORD* resultSize, void* destination,
+                                     DWORD destinationSize, DWORD method);
+TALVERN_API int GetExpandFileToMem(void* source, DWORD sourceSize, DWORD* error,
+                                   DWORD* resultSize, void* destination,
+                                   DWORD destinationSize);
 TALVERN_API int GetCompressFileToFile(void* source, DWORD sourceSize, DWORD* error,
-                                      DWORD* resultSize, void* destination, DWORD destinationSize,
-                                      DWORD method);
-TALVERN_API int GetExpandFileToFile(void* source, DWORD sourceSize, DWORD* error, DWORD* resultSize,
-                                    void* destination, DWORD destinationSize);
+                                      DWORD* resultSize, void* destination,
+                                      DWORD destinationSize, DWORD method);
+TALVERN_API int GetExpandFileToFile(void* source, DWORD sourceSize, DWORD* error,
+                                    DWORD* resultSize, void* destination,
+                                    DWORD destinationSize);

@@ -32,7 +32,9 @@ struct TALVERN_API CArchiveSize {
     LowPart = static_cast<DWORD>(value);
     HighPart = static_cast<DWORD>(value >> 32);
   }
-  std::uint64_t GetValue() const { return (static_cast<std::uint64_t>(HighPart) << 32) | LowPart; }
+  std::uint64_t GetValue() const {
+    return (static_cast<std::uint64_t>(HighPart) << 32) | LowPart;
+  }
   void SetDWord(DWORD value) {
     LowPart = value;
     HighPart = 0;
@@ -44,7 +46,7 @@ struct TALVERN_API CArchiveSize {
 // A byte position inside one archive volume; the same 8-byte layout.
 struct TALVERN_API CArchiveOffset : CArchiveSize {
   CArchiveOffset() = default;
-  CArchiveOffset(std::uint64_t value) : CArchiveSize(value) {}     // NOLINT
+  CArchiveOffset(std::uint64_t value) : CArchiveSize(value) {} // NOLINT
   CArchiveOffset(const CArchiveSize& size) : CArchiveSize(size) {} // NOLINT
   CArchiveOffset(const CArchiveOffset&) = default;
   CArchiveOffset(CArchiveOffset&&) = default;

@@ -383,12 +383,12 @@ using PSECURITY_DESCRIPTOR = void*;
 #define FILE_READ_ATTRIBUTES 0x0080u
 #define FILE_WRITE_ATTRIBUTES 0x0100u
 #define FILE_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x1FFu)
-#define FILE_GENERIC_READ                                                                          \
+#define FILE_GENERIC_READ \
   (STANDARD_RIGHTS_READ | FILE_READ_DATA | FILE_READ_ATTRIBUTES | FILE_READ_EA | SYNCHRONIZE)
-#define FILE_GENERIC_WRITE                                                                         \
-  (STANDARD_RIGHTS_WRITE | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES | FILE_WRITE_EA |               \
+#define FILE_GENERIC_WRITE                                                                 \
+  (STANDARD_RIGHTS_WRITE | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES | FILE_WRITE_EA | \
    FILE_APPEND_DATA | SYNCHRONIZE)
-#define FILE_GENERIC_EXECUTE                                                                       \
+#define FILE_GENERIC_EXECUTE \
   (STANDARD_RIGHTS_EXECUTE | FILE_READ_ATTRIBUTES | FILE_EXECUTE | SYNCHRONIZE)
 
 // Sharing, dispositions, attributes and flags of CreateFileW
@@ -549,12 +549,13 @@ TALVERN_API void SetLastError(DWORD code);
 
 // Files and folders
 TALVERN_API HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
-                               LPSECURITY_ATTRIBUTES securityAttributes, DWORD creationDisposition,
-                               DWORD flagsAndAttributes, HANDLE templateFile);
+                               LPSECURITY_ATTRIBUTES securityAttributes,
+                               DWORD creationDisposition, DWORD flagsAndAttributes,
+                               HANDLE templateFile);
 TALVERN_API BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
                           LPOVERLAPPED overlapped);
-TALVERN_API BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
-                           LPOVERLAPPED overlapped);
+TALVERN_API BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite,
+                           LPDWORD bytesWritten, LPOVERLAPPED overlapped);
 TALVERN_API DWORD SetFilePointer(HANDLE file, LONG distanceToMove, PLONG distanceToMoveHigh,
                                  DWORD moveMethod);
 TALVERN_API DWORD GetFileSize(HANDLE file, LPDWORD fileSizeHigh);
@@ -584,8 +585,9 @@ TALVERN_API UINT GetTempFileNameW(LPCWSTR pathName, LPCWSTR prefixString, UINT u
                                   LPWSTR tempFileName);
 
 // File mapping
-TALVERN_API HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
-                                      DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name);
+TALVERN_API HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes,
+                                      DWORD protect, DWORD maximumSizeHigh,
+                                      DWORD maximumSizeLow, LPCWSTR name);
 TALVERN_API LPVOID MapViewOfFile(HANDLE fileMappingObject, DWORD desiredAccess,
                                  DWORD fileOffsetHigh, DWORD fileOffsetLow,
                                  SIZE_T numberOfBytesToMap);
@@ -596,8 +598,9 @@ TALVERN_API void GetSystemInfo(LPSYSTEM_INFO systemInfo);
 TALVERN_API UINT GetDriveTypeW(LPCWSTR rootPathName);
 TALVERN_API BOOL GetVolumeInformationW(LPCWSTR rootPathName, LPWSTR volumeNameBuffer,
                                        DWORD volumeNameSize, LPDWORD volumeSerialNumber,
-                                       LPDWORD maximumComponentLength, LPDWORD fileSystemFlags,
-                                       LPWSTR fileSystemNameBuffer, DWORD fileSystemNameSize);
+                                       LPDWORD maximumComponentLength,
+                                       LPDWORD fileSystemFlags, LPWSTR fileSystemNameBuffer,
+                                       DWORD fileSystemNameSize);
 TALVERN_API BOOL GetDiskFreeSpaceW(LPCWSTR rootPathName, LPDWORD sectorsPerCluster,
                                    LPDWORD bytesPerSector, LPDWORD numberOfFreeClusters,
                                    LPDWORD totalNumberOfClusters);
