@@ -168,7 +168,7 @@ void SetHandleStoredInfo(FileObject& file, const StoredInfo& info) {
 }
 
 void RememberClosedStoredInfo(const FileObject& file) {
-  if (!file.storedKnown || file.isDirectory) return;
+  if (!file.storedKnown) return;
   std::lock_guard<std::mutex> lock(ClosedMutex());
   ClosedRecord& closed = Closed();
   closed.valid = true;

@@ -677,12 +677,17 @@ BOOL MoveFileW(LPCWSTR existingFileName, LPCWSTR newFileName) {
 BOOL CreateDirectoryW(LPCWSTR pathName, LPSECURITY_ATTRIBUTES securityAttributes) {
   ResolvedPath path;
   if (!Resolve(pathName, path)) return FALSE;
+  // Where the medium takes the folder, mkdir itself tells whether the name
+  // exists (a link too); otherwise an existing name is reported first.
+  const bool writable = WriteCheck(path.medium.get()) == ERROR_SUCCESS &&
+                        !IsLockedByOther(path.medium.get(), nullptr);
   struct stat lst {};
-  if (::lstat(path.host.c_str(), &lst) == 0) return Fail(ERROR_ALREADY_EXISTS);
+  if (!writable && ::lstat(path.host.c_str(), &lst) == 0) return Fail(ERROR_ALREADY_EXISTS);
   if (const DWORD code = WriteCheck(path.medium.get())) return Fail(code);
   if (IsLockedByOther(path.medium.get(), nullptr)) return Fail(ERROR_ACCESS_DENIED);
   if (::mkdir(path.host.c_str(), 0777) != 0) {
     const int err = errno;
+    if (err == EEXIST) return Fail(ERROR_ALREADY_EXISTS);
     if (err == ENOENT || err == ENOTDIR) return Fail(ERROR_PATH_NOT_FOUND);
     SetLastErrorFromErrno(err);
     return FALSE;
