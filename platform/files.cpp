@@ -81,6 +81,9 @@ constexpr DWORD kKeptOnCreate = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
                                 FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_TEMPORARY |
                                 FILE_ATTRIBUTE_OFFLINE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
+// What Linux reads ahead of a sequential reader without being asked.
+constexpr off_t kOwnReadAhead = 128 * 1024;
+
 FileObject* FileFromHandle(HANDLE handle) {
   auto* file = FindHandleAs<FileObject>(handle);
   if (file == nullptr) SetLastError(ERROR_INVALID_HANDLE);
@@ -296,8 +299,10 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
       return FailHandle(ERROR_SHARING_VIOLATION);
     }
 
-    // An empty file needs no truncating (nor, below, a read-ahead hint).
+    // An empty file needs no truncating; a file smaller than what the host
+    // reads ahead by itself needs no read-ahead hint (below).
     bool empty = opened.st_size == 0;
+    const bool small = opened.st_size <= kOwnReadAhead;
     if (exists && truncating && !empty) {
       const int r = write ? ::ftruncate(fd, 0) : ::truncate(path.host.c_str(), 0);
       if (r != 0) {
@@ -320,7 +325,7 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
       }
     }
 
-    if (!isDirectory && !empty) {
+    if (!isDirectory && !empty && !small) {
       if (flagsAndAttributes & FILE_FLAG_SEQUENTIAL_SCAN)
         ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
       else if (flagsAndAttributes & FILE_FLAG_RANDOM_ACCESS)
