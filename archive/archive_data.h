@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 // Status bits of CArchiveFileData::Flags.
 constexpr DWORD FlagReadable = 0x00000001;
@@ -93,6 +94,26 @@ struct CArchiveFileData {
   // volume (0: not asked yet); the medium changes only with the volume.
   CString ClusterRoot;
   DWORD ClusterSize = 0;
+
+  // Bytes of a volume opened for reading only, read ahead by the record
+  // reader, so that the records and the data of small entries cost no read
+  // of their own: the file's bytes from ReadAheadStart on. Nothing else
+  // writes to such a volume (its handle shares reading only). A reader that
+  // lends the bytes out holds the block, and a later read-ahead then takes
+  // a new one.
+  std::shared_ptr<std::vector<BYTE>> ReadAhead;
+  std::uint64_t ReadAheadStart = 0;
+  bool UsesReadAhead() const { return (Flags & (FlagReadable | FlagWritable)) == FlagReadable; }
+  // The count bytes at position, from the read-ahead or, when it does not
+  // hold them, read ahead anew from the open volume up to end (the
+  // caller's limit, at least position + count). Null with the last error
+  // set when the file cannot be read, ERROR_SEEK_ON_DEVICE when it ends
+  // first.
+  const BYTE* ReadAheadBytes(std::uint64_t position, DWORD count, std::uint64_t end);
+  // The read-ahead block when it holds the count bytes at position (which
+  // begin at `bytes`), else null.
+  std::shared_ptr<const std::vector<BYTE>> HeldBytes(std::uint64_t position, std::uint64_t count,
+                                                     const BYTE*& bytes) const;
 
   // The effective size limit of the current volume: 0 means no limit.
   // (0xFFFFFFFF is returned as it is; callers treat it as no limit.)

@@ -72,7 +72,113 @@ bool AddChecked(std::uint64_t& a, std::uint64_t b) {
   return !carry;
 }
 
+// Reads ahead from a record's start: enough for the records and the data
+// of small entries that follow it.
+constexpr DWORD kReadAhead = 65536;
+
+// Where DoReadEntry takes a record's bytes from, in order: the read-ahead
+// of a volume opened for reading only, else the file at its position.
+class RecordBytes {
+public:
+  RecordBytes(CArchiveFileData& data, std::uint64_t position, std::uint64_t available)
+      : data_(data), next_(position), end_(position + available) {}
+
+  // Positions the file (for reading it directly). False with the last error.
+  bool Start() { return data_.UsesReadAhead() || SeekTo(data_.Handle, next_); }
+
+  // Exactly count bytes; false with the last error of the failing read, or
+  // ERROR_SEEK_ON_DEVICE when the bytes end first.
+  bool Read(BYTE* out, DWORD count) {
+    if (count == 0) return true;
+    if (!data_.UsesReadAhead()) return ReadAll(data_.Handle, out, count, ERROR_SEEK_ON_DEVICE);
+    const BYTE* bytes = data_.ReadAheadBytes(next_, count, std::max(end_, next_ + count));
+    if (bytes == nullptr) return false;
+    std::copy_n(bytes, count, out);
+    next_ += count;
+    return true;
+  }
+
+private:
+  CArchiveFileData& data_;
+  std::uint64_t next_;
+  std::uint64_t end_;
+};
+
+// A counted string as DoReadString reads it, from the record's bytes: the
+// budget is checked before each part, the text allocated before its bytes
+// are checked against the budget. False with the last error set.
+bool ReadCountedString(RecordBytes& in, std::uint64_t& budget, CString& text) {
+  text.clear();
+  if (budget < 2) {
+    SetLastError(ERROR_SEEK_ON_DEVICE);
+    return false;
+  }
+  budget -= 2;
+  BYTE count[2];
+  if (!in.Read(count, 2)) return false;
+  const DWORD n = GetLE16(count);
+  if (n == 0) return true;
+  std::vector<BYTE> bytes;
+  CString result;
+  try {
+    bytes.resize(2 * static_cast<size_t>(n));
+    result.resize(n);
+  } catch (const std::bad_alloc&) {
+    SetLastError(ERROR_OUTOFMEMORY);
+    return false;
+  }
+  if (budget < 2ull * n) {
+    SetLastError(ERROR_SEEK_ON_DEVICE);
+    return false;
+  }
+  budget -= 2ull * n;
+  if (!in.Read(bytes.data(), 2 * n)) return false;
+  for (DWORD i = 0; i < n; ++i) result[i] = static_cast<WCHAR>(GetLE16(bytes.data() + 2 * i));
+  text = std::move(result);
+  return true;
+}
+
 } // namespace
+
+// ---- Read-ahead --------------------------------------------------------------------------
+
+const BYTE* CArchiveFileData::ReadAheadBytes(std::uint64_t position, DWORD count,
+                                             std::uint64_t end) {
+  const BYTE* held = nullptr;
+  if (HeldBytes(position, count, held)) return held;
+  // A block still lent out stays as it is; the new bytes go into another.
+  if (!ReadAhead || ReadAhead.use_count() > 1) ReadAhead = std::make_shared<std::vector<BYTE>>();
+  const std::uint64_t want =
+      std::max<std::uint64_t>(count, std::min<std::uint64_t>(kReadAhead, end - position));
+  DWORD got = 0;
+  try {
+    ReadAhead->resize(static_cast<size_t>(want));
+  } catch (const std::bad_alloc&) {
+    ReadAhead.reset();
+    SetLastError(ERROR_OUTOFMEMORY);
+    return nullptr;
+  }
+  ReadAheadStart = position;
+  const bool read = SeekTo(Handle, position) &&
+                    ReadFile(Handle, ReadAhead->data(), static_cast<DWORD>(want), &got, nullptr);
+  ReadAhead->resize(read ? got : 0);
+  if (!read) return nullptr;
+  if (got < count) {
+    SetLastError(ERROR_SEEK_ON_DEVICE);
+    return nullptr;
+  }
+  return ReadAhead->data();
+}
+
+std::shared_ptr<const std::vector<BYTE>>
+CArchiveFileData::HeldBytes(std::uint64_t position, std::uint64_t count, const BYTE*& bytes) const {
+  if (!ReadAhead || ReadAhead->empty() || position < ReadAheadStart ||
+      position - ReadAheadStart > ReadAhead->size() ||
+      count > ReadAhead->size() - (position - ReadAheadStart))
+    return nullptr;
+  bytes = ReadAhead->data() + (position - ReadAheadStart);
+  return ReadAhead;
+}
 
 // ---- Strings ---------------------------------------------------------------------------
 
@@ -152,12 +258,14 @@ int CArchiveFile::DoReadEntry(const CArchiveOffset& position, const CArchiveSize
     return 0;
   };
 
-  const HANDLE file = m_Data->Handle;
-  if (!SeekTo(file, pos)) return fail(LastErrorOr());
+  // The bytes come from the read-ahead where the volume is open for
+  // reading only; they are the file's bytes at the same places.
+  RecordBytes in(*m_Data, pos, avail);
+  if (!in.Start()) return fail(LastErrorOr());
   if (avail < kFixedPart) return fail(ERROR_SEEK_ON_DEVICE);
 
   BYTE fixed[kFixedPart];
-  if (!ReadAll(file, fixed, kFixedPart, ERROR_SEEK_ON_DEVICE)) return fail(LastErrorOr());
+  if (!in.Read(fixed, kFixedPart)) return fail(LastErrorOr());
 
   const std::uint64_t headerSize = GetLE32(fixed + kOffHeaderSize);
   const std::uint64_t dataSize = GetLE64(fixed + kOffDataSize);
@@ -180,20 +288,20 @@ int CArchiveFile::DoReadEntry(const CArchiveOffset& position, const CArchiveSize
   fd.nFileSizeLow = GetLE32(fixed + kOffSizeLow);
   fd.nFileSizeHigh = GetLE32(fixed + kOffSizeHigh);
 
-  CArchiveSize left = headerSize - kFixedPart;
-  if (!DoReadString(left, entry.Path)) return fail(LastErrorOr());
+  std::uint64_t left = headerSize - kFixedPart;
+  if (!ReadCountedString(in, left, entry.Path)) return fail(LastErrorOr());
 
   std::fill(std::begin(fd.cFileName), std::end(fd.cFileName), static_cast<WCHAR>(0));
   CString name;
-  if (!DoReadString(left, name)) return fail(LastErrorOr());
+  if (!ReadCountedString(in, left, name)) return fail(LastErrorOr());
   std::copy_n(name.begin(), std::min(name.size(), static_cast<size_t>(kNameCapacity - 1)),
               fd.cFileName);
 
-  if (left.GetValue() < 4) return fail(ERROR_SEEK_ON_DEVICE);
+  if (left < 4) return fail(ERROR_SEEK_ON_DEVICE);
   BYTE lengthBytes[4];
-  if (!ReadAll(file, lengthBytes, 4, ERROR_SEEK_ON_DEVICE)) return fail(LastErrorOr());
+  if (!in.Read(lengthBytes, 4)) return fail(LastErrorOr());
   const DWORD blockLength = GetLE32(lengthBytes);
-  const std::uint64_t blockRoom = left.GetValue() - 4;
+  const std::uint64_t blockRoom = left - 4;
 
   if (entry.Security == nullptr) {
     entry.Security = new (std::nothrow) CArchiveSecurity();
@@ -206,7 +314,7 @@ int CArchiveFile::DoReadEntry(const CArchiveOffset& position, const CArchiveSize
     std::unique_ptr<BYTE[]> block(new (std::nothrow) BYTE[blockLength]);
     if (!block) return fail(ERROR_OUTOFMEMORY);
     std::fill_n(block.get(), blockLength, BYTE{0});
-    if (!ReadAll(file, block.get(), blockLength, ERROR_SEEK_ON_DEVICE)) return fail(LastErrorOr());
+    if (!in.Read(block.get(), blockLength)) return fail(LastErrorOr());
     entry.Security->Data = block.release();
     entry.Security->Length = blockLength;
   }

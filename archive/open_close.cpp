@@ -49,6 +49,7 @@ int AdoptHandle(CArchiveFile& archive, HANDLE file, DWORD flags) {
   CArchiveFileData& d = Access::Data(archive);
   d.Handle = file;
   d.ClusterSize = 0;
+  d.ReadAhead.reset();
   d.Flags |= flags;
   d.Header.Zero();
   std::uint64_t size = 0;
@@ -223,6 +224,7 @@ int CArchiveFile::Close() {
 
   d.Handle = INVALID_HANDLE_VALUE;
   d.ClusterSize = 0;
+  d.ReadAhead.reset();
   d.Flags &= FlagError | FlagBusy;
   d.Header.Zero();
   d.CommittedSize = 0;

@@ -78,7 +78,7 @@ void CompressAhead::Walk(const CString& baseDir, const CString& folder, DWORD sr
     if (folders && (srch & kNoFolders)) continue;
     if (!folders && (srch & kNoFiles)) continue;
     WIN32_FIND_DATAW data{};
-    ScopedFind find(pattern.c_str(), data);
+    ScopedFind find(pattern.c_str(), data, folders);
     if (!find.IsValid()) return;
     do {
       {

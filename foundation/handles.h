@@ -40,11 +40,14 @@ private:
   HANDLE handle_ = INVALID_HANDLE_VALUE;
 };
 
-// A directory enumeration from FindFirstFileW, closed with FindClose.
+// A directory enumeration from FindFirstFileW, closed with FindClose. With
+// foldersOnly the system may leave out items it knows to be no folder.
 class ScopedFind {
 public:
-  ScopedFind(const WCHAR* pattern, WIN32_FIND_DATAW& data)
-      : handle_(FindFirstFileW(pattern, &data)) {}
+  ScopedFind(const WCHAR* pattern, WIN32_FIND_DATAW& data, bool foldersOnly = false)
+      : handle_(foldersOnly ? FindFirstFileExW(pattern, FindExInfoStandard, &data,
+                                               FindExSearchLimitToDirectories, nullptr, 0)
+                            : FindFirstFileW(pattern, &data)) {}
   ~ScopedFind() {
     if (IsValid()) FindClose(handle_);
   }

@@ -316,8 +316,10 @@ int CArchiveFile::DoCompressAll(const WCHAR* root, const WCHAR* baseDir, CArchiv
   // One pass over the directory: the items of one kind, each selected by
   // its match member and stored by DoCompress with the method it requests.
   // A pattern that matches nothing adds nothing.
+  // The folder pass lists folders only, unless it is the only pass: the
+  // entry then keeps the last item listed, as a full listing leaves it.
   auto pass = [&](bool directories) -> int {
-    ScopedFind find(pattern.c_str(), entry.FindData);
+    ScopedFind find(pattern.c_str(), entry.FindData, directories && !(srch & SrchDirOnly));
     if (!find.IsValid()) return 1;
     do {
       const bool isDirectory = (entry.FindData.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;

@@ -297,11 +297,9 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
     return 0;
   }
   const DWORD bufferSize = kCopyLimit - kCopyLimit % cluster;
-  const std::unique_ptr<BYTE[]> buffer(new (std::nothrow) BYTE[bufferSize]);
-  if (!buffer) {
-    SetErrorCode(ERROR_OUTOFMEMORY);
-    return 0;
-  }
+  // Taken only when data is copied: a directory, a skipped file and one
+  // decoded straight from the archive need none.
+  std::unique_ptr<BYTE[]> buffer;
 
   const DWORD method = entry.CompressType & ~kContinuedBit;
   bool ok = true;
@@ -393,8 +391,21 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
         }
       }
     }
+    // Data that the record reader read ahead with the record is decoded
+    // from there; the block is held until the decoding is done.
+    const BYTE* heldBytes = nullptr;
+    std::shared_ptr<const std::vector<BYTE>> held;
+    if (ok && direct && !continued)
+      held = d.HeldBytes(entry.DataOffset.GetValue(), entry.DataSize.GetValue(), heldBytes);
+    if (ok && sink != Sink::Nothing) {
+      buffer.reset(new (std::nothrow) BYTE[bufferSize]);
+      if (!buffer) {
+        SetErrorCode(ERROR_OUTOFMEMORY);
+        ok = false;
+      }
+    }
     // Decoding straight from the archive needs all of the data there.
-    if (ok && direct && !continued) {
+    if (ok && direct && !continued && !held) {
       std::uint64_t size = 0;
       if (!volume_io::QuerySize(d.Handle, size)) {
         SetErrorCode(LastErrorOr());
@@ -479,6 +490,9 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
       } else if (sink == Sink::Temporary) {
         data.file = temporary.File().Get();
         data.size = passed;
+      } else if (held) {
+        data.memory = heldBytes;
+        data.size = entry.DataSize.GetValue();
       } else {
         data.file = d.Handle;
         data.size = entry.DataSize.GetValue();

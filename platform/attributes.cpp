@@ -3,11 +3,14 @@
 // (the other attribute bits and the creation time).
 #include "platform/layer.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+
+#include <mutex>
 
 namespace talvern::platform {
 namespace {
@@ -26,17 +29,60 @@ constexpr DWORD kKeptBits = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE
                             FILE_ATTRIBUTE_TEMPORARY | FILE_ATTRIBUTE_OFFLINE |
                             FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
-FILETIME CreationFromHost(const std::string& hostPath, const struct stat& st, bool follow) {
+// What QueryItem needs of an item, from one statx call.
+struct ItemStat {
+  mode_t mode = 0;
+  std::uint64_t size = 0;
+  struct timespec lastWrite {};
+  struct timespec lastAccess {};
+  bool hasBirth = false;
+  struct timespec birth {};
+};
+
+struct timespec FromStatx(const struct statx_timestamp& t) {
+  struct timespec ts {};
+  ts.tv_sec = static_cast<time_t>(t.tv_sec);
+  ts.tv_nsec = static_cast<long>(t.tv_nsec);
+  return ts;
+}
+
+// statx of the item (follow: of what a link points to), or errno.
+int StatItem(const std::string& hostPath, bool follow, ItemStat& out) {
   struct statx stx {};
-  if (::statx(AT_FDCWD, hostPath.c_str(), follow ? 0 : AT_SYMLINK_NOFOLLOW, STATX_BTIME, &stx) ==
-          0 &&
-      (stx.stx_mask & STATX_BTIME)) {
-    struct timespec ts {};
-    ts.tv_sec = static_cast<time_t>(stx.stx_btime.tv_sec);
-    ts.tv_nsec = static_cast<long>(stx.stx_btime.tv_nsec);
-    return U64ToFileTime(TimespecToU64(ts));
-  }
-  return U64ToFileTime(TimespecToU64(st.st_mtim));
+  if (::statx(AT_FDCWD, hostPath.c_str(), follow ? 0 : AT_SYMLINK_NOFOLLOW,
+              STATX_BASIC_STATS | STATX_BTIME, &stx) != 0)
+    return errno;
+  out.mode = stx.stx_mode;
+  out.size = stx.stx_size;
+  out.lastWrite = FromStatx(stx.stx_mtime);
+  out.lastAccess = FromStatx(stx.stx_atime);
+  out.hasBirth = (stx.stx_mask & STATX_BTIME) != 0;
+  out.birth = FromStatx(stx.stx_btime);
+  return 0;
+}
+
+// The host's birth time where it keeps one, else the last-write time.
+FILETIME CreationFromHost(const ItemStat& st) {
+  return U64ToFileTime(TimespecToU64(st.hasBirth ? st.birth : st.lastWrite));
+}
+
+std::atomic<std::uint64_t> storedGeneration{0};
+
+// The record of the item whose handle was closed last.
+struct ClosedRecord {
+  bool valid = false;
+  dev_t device = 0;
+  ino_t inode = 0;
+  std::uint64_t generation = 0;
+  StoredInfo info;
+};
+std::mutex& ClosedMutex() {
+  static std::mutex* mutex = new std::mutex; // lives until the process ends
+  return *mutex;
+}
+ClosedRecord& Closed() {
+  static auto* record = new ClosedRecord; // lives until the process ends
+  return *record;
 }
 
 } // namespace
@@ -57,7 +103,12 @@ StoredInfo ReadStoredInfo(const std::string& hostPath, int fd) {
   if (fd >= 0) n = ::fgetxattr(fd, kInfoName, bytes, sizeof bytes);
   if (fd < 0 || (n < 0 && errno == EBADF))
     n = ::getxattr(hostPath.c_str(), kInfoName, bytes, sizeof bytes);
-  if (n != static_cast<ssize_t>(kInfoSize) || bytes[0] != kInfoVersion) return info;
+  if (n < 0 && (errno == ENODATA || errno == ENOTSUP)) return info;
+  if (n != static_cast<ssize_t>(kInfoSize) || bytes[0] != kInfoVersion) {
+    info.found = StoredInfo::Found::Other;
+    return info;
+  }
+  info.found = StoredInfo::Found::Record;
   DWORD attributes = 0;
   std::uint64_t creation = 0;
   for (int i = 3; i >= 0; --i) attributes = (attributes << 8) | bytes[2 + i];
@@ -70,6 +121,7 @@ StoredInfo ReadStoredInfo(const std::string& hostPath, int fd) {
 }
 
 void WriteStoredInfo(const std::string& hostPath, int fd, const StoredInfo& info) {
+  NoteStoredInfoChange();
   if (!info.hasAttributes && !info.hasCreation) {
     if (fd < 0 || (::fremovexattr(fd, kInfoName) != 0 && errno == EBADF))
       ::removexattr(hostPath.c_str(), kInfoName);
@@ -86,53 +138,102 @@ void WriteStoredInfo(const std::string& hostPath, int fd, const StoredInfo& info
     ::setxattr(hostPath.c_str(), kInfoName, bytes, sizeof bytes, 0);
 }
 
+bool SameStoredInfo(const StoredInfo& current, const StoredInfo& wanted) {
+  if (!wanted.hasAttributes && !wanted.hasCreation)
+    return current.found == StoredInfo::Found::Nothing;
+  return current.found == StoredInfo::Found::Record &&
+         current.hasAttributes == wanted.hasAttributes && current.attributes == wanted.attributes &&
+         current.hasCreation == wanted.hasCreation && current.creation == wanted.creation;
+}
+
+std::uint64_t StoredInfoGeneration() { return storedGeneration.load(); }
+void NoteStoredInfoChange() { storedGeneration.fetch_add(1); }
+
+StoredInfo HandleStoredInfo(FileObject& file) {
+  if (file.storedKnown && file.storedGeneration == StoredInfoGeneration()) return file.stored;
+  file.storedGeneration = StoredInfoGeneration();
+  file.stored = ReadStoredInfo(file.host, file.fd);
+  file.storedKnown = true;
+  return file.stored;
+}
+
+void SetHandleStoredInfo(FileObject& file, const StoredInfo& info) {
+  if (SameStoredInfo(HandleStoredInfo(file), info)) return;
+  WriteStoredInfo(file.host, file.fd, info);
+  file.stored = info;
+  file.stored.found = info.hasAttributes || info.hasCreation ? StoredInfo::Found::Record
+                                                             : StoredInfo::Found::Nothing;
+  file.storedGeneration = StoredInfoGeneration();
+  file.storedKnown = true;
+}
+
+void RememberClosedStoredInfo(const FileObject& file) {
+  if (!file.storedKnown) return;
+  std::lock_guard<std::mutex> lock(ClosedMutex());
+  ClosedRecord& closed = Closed();
+  closed.valid = true;
+  closed.device = file.device;
+  closed.inode = file.inode;
+  closed.generation = file.storedGeneration;
+  closed.info = file.stored;
+}
+
+bool RecallClosedStoredInfo(dev_t device, ino_t inode, StoredInfo& info) {
+  std::lock_guard<std::mutex> lock(ClosedMutex());
+  const ClosedRecord& closed = Closed();
+  if (!closed.valid || closed.device != device || closed.inode != inode ||
+      closed.generation != StoredInfoGeneration())
+    return false;
+  info = closed.info;
+  return true;
+}
+
 bool QueryItem(const std::string& hostPath, std::string_view name, ItemInfo& info) {
   if (name.empty()) name = HostLastName(hostPath);
-  struct stat lst {};
-  if (::lstat(hostPath.c_str(), &lst) != 0) {
-    SetPathError(errno, hostPath);
+  ItemStat lst;
+  if (const int err = StatItem(hostPath, false, lst)) {
+    SetPathError(err, hostPath);
     return false;
   }
   info = ItemInfo();
-  struct stat st = lst;
-  if (S_ISLNK(lst.st_mode)) {
+  ItemStat st = lst;
+  if (S_ISLNK(lst.mode)) {
     info.isSymlink = true;
-    if (::stat(hostPath.c_str(), &st) != 0) {
+    if (StatItem(hostPath, true, st) != 0) {
       // A dangling link: only the link itself.
       info.attributes = FILE_ATTRIBUTE_REPARSE_POINT;
-      info.lastWrite = U64ToFileTime(TimespecToU64(lst.st_mtim));
-      info.lastAccess = U64ToFileTime(TimespecToU64(lst.st_atim));
-      info.creation = CreationFromHost(hostPath, lst, false);
+      info.lastWrite = U64ToFileTime(TimespecToU64(lst.lastWrite));
+      info.lastAccess = U64ToFileTime(TimespecToU64(lst.lastAccess));
+      info.creation = CreationFromHost(lst);
       return true;
     }
   }
   const bool dot = IsDotName(name);
   StoredInfo stored;
-  if (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) stored = ReadStoredInfo(hostPath);
+  if (S_ISDIR(st.mode) || S_ISREG(st.mode)) stored = ReadStoredInfo(hostPath);
   DWORD attributes;
-  if (S_ISDIR(st.st_mode)) {
+  if (S_ISDIR(st.mode)) {
     attributes = FILE_ATTRIBUTE_DIRECTORY;
     if (stored.hasAttributes)
       attributes |= stored.attributes & (kKeptBits | FILE_ATTRIBUTE_READONLY);
     else if (dot)
       attributes |= FILE_ATTRIBUTE_HIDDEN;
-    if (!(st.st_mode & S_IWUSR)) attributes |= FILE_ATTRIBUTE_READONLY;
-  } else if (S_ISREG(st.st_mode)) {
+    if (!(st.mode & S_IWUSR)) attributes |= FILE_ATTRIBUTE_READONLY;
+  } else if (S_ISREG(st.mode)) {
     attributes = stored.hasAttributes
                      ? (stored.attributes & kKeptBits)
                      : (FILE_ATTRIBUTE_ARCHIVE | (dot ? FILE_ATTRIBUTE_HIDDEN : 0));
-    if (!(st.st_mode & S_IWUSR)) attributes |= FILE_ATTRIBUTE_READONLY;
+    if (!(st.mode & S_IWUSR)) attributes |= FILE_ATTRIBUTE_READONLY;
     if (attributes == 0 && !info.isSymlink) attributes = FILE_ATTRIBUTE_NORMAL;
-    info.size = static_cast<std::uint64_t>(st.st_size);
+    info.size = st.size;
   } else {
     attributes = FILE_ATTRIBUTE_DEVICE | (dot ? FILE_ATTRIBUTE_HIDDEN : 0);
   }
   if (info.isSymlink) attributes |= FILE_ATTRIBUTE_REPARSE_POINT;
   info.attributes = attributes;
-  info.lastWrite = U64ToFileTime(TimespecToU64(st.st_mtim));
-  info.lastAccess = U64ToFileTime(TimespecToU64(st.st_atim));
-  info.creation =
-      stored.hasCreation ? U64ToFileTime(stored.creation) : CreationFromHost(hostPath, st, true);
+  info.lastWrite = U64ToFileTime(TimespecToU64(st.lastWrite));
+  info.lastAccess = U64ToFileTime(TimespecToU64(st.lastAccess));
+  info.creation = stored.hasCreation ? U64ToFileTime(stored.creation) : CreationFromHost(st);
   return true;
 }
 
@@ -162,7 +263,9 @@ BOOL SetFileAttributesW(LPCWSTR fileName, DWORD fileAttributes) {
   mode_t mode = st.st_mode & 07777;
 
   if (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) {
-    StoredInfo info = ReadStoredInfo(path.host);
+    StoredInfo info;
+    if (!RecallClosedStoredInfo(st.st_dev, st.st_ino, info)) info = ReadStoredInfo(path.host);
+    const StoredInfo current = info;
     DWORD bits = fileAttributes & kKeptBits;
     DWORD derived = dot ? FILE_ATTRIBUTE_HIDDEN : 0;
     if (S_ISDIR(st.st_mode)) {
@@ -174,7 +277,7 @@ BOOL SetFileAttributesW(LPCWSTR fileName, DWORD fileAttributes) {
     info.attributes = info.hasAttributes ? bits : 0;
     // Before the permission bits change: a file without write permission may
     // refuse a new extended attribute.
-    WriteStoredInfo(path.host, -1, info);
+    if (!SameStoredInfo(current, info)) WriteStoredInfo(path.host, -1, info);
   }
   if (S_ISDIR(st.st_mode)) {
     if (!readOnly) mode |= S_IWUSR;

@@ -81,6 +81,9 @@ constexpr DWORD kKeptOnCreate = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
                                 FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_TEMPORARY |
                                 FILE_ATTRIBUTE_OFFLINE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
+// What Linux reads ahead of a sequential reader without being asked.
+constexpr off_t kOwnReadAhead = 128 * 1024;
+
 FileObject* FileFromHandle(HANDLE handle) {
   auto* file = FindHandleAs<FileObject>(handle);
   if (file == nullptr) SetLastError(ERROR_INVALID_HANDLE);
@@ -88,21 +91,27 @@ FileObject* FileFromHandle(HANDLE handle) {
 }
 
 // Records the attributes a new or overwritten file gets from CreateFileW.
-void ApplyCreateAttributes(const std::string& host, int fd, DWORD flagsAndAttributes) {
-  StoredInfo info = ReadStoredInfo(host, fd);
+// A file this call created holds no record yet; an overwritten one may have
+// one, which was just closed (known) or must be read.
+void ApplyCreateAttributes(FileObject& file, bool created, DWORD flagsAndAttributes,
+                           const struct stat& st) {
+  if (created || RecallClosedStoredInfo(file.device, file.inode, file.stored)) {
+    if (created) file.stored = StoredInfo();
+    file.storedKnown = true;
+    file.storedGeneration = StoredInfoGeneration();
+  }
+  StoredInfo info = HandleStoredInfo(file);
   const DWORD bits = (flagsAndAttributes & kKeptOnCreate) | FILE_ATTRIBUTE_ARCHIVE;
   const DWORD derived =
-      FILE_ATTRIBUTE_ARCHIVE | (IsDotName(HostLastName(host)) ? FILE_ATTRIBUTE_HIDDEN : 0);
+      FILE_ATTRIBUTE_ARCHIVE | (IsDotName(HostLastName(file.host)) ? FILE_ATTRIBUTE_HIDDEN : 0);
   const bool store = bits != derived;
   if (store != info.hasAttributes || (store && info.attributes != bits)) {
     info.hasAttributes = store;
     info.attributes = store ? bits : 0;
-    WriteStoredInfo(host, fd, info);
+    SetHandleStoredInfo(file, info);
   }
-  if (flagsAndAttributes & FILE_ATTRIBUTE_READONLY) {
-    struct stat st {};
-    if (::fstat(fd, &st) == 0) ::fchmod(fd, st.st_mode & ~(S_IWUSR | S_IWGRP | S_IWOTH) & 07777);
-  }
+  if (flagsAndAttributes & FILE_ATTRIBUTE_READONLY)
+    ::fchmod(file.fd, st.st_mode & ~(S_IWUSR | S_IWGRP | S_IWOTH) & 07777);
 }
 
 // Space and write-protection checks around a change of a file's size.
@@ -131,9 +140,13 @@ private:
 HANDLE OpenDevice(WCHAR letter, DWORD access); // volumes.cpp
 
 FileObject::~FileObject() {
+  if (fd >= 0 && !deleteOnClose) RememberClosedStoredInfo(*this);
   if (shareRegistered) UnregisterShare(*this);
   if (fd >= 0) ::close(fd);
-  if (deleteOnClose) ::unlink(host.c_str());
+  if (deleteOnClose) {
+    NoteStoredInfoChange(); // the inode may come back as another item
+    ::unlink(host.c_str());
+  }
   ReleaseOpenHandle(medium);
 }
 
@@ -175,77 +188,91 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
   // "name\\" can only be a folder.
   const bool trailingSeparator = !path.isRoot && path.full.back() == u'\\';
 
-  for (int attempt = 0;; ++attempt) {
-    struct stat lst {
-    }, st{};
-    bool exists = ::lstat(path.host.c_str(), &lst) == 0;
-    if (!exists && errno != ENOENT) {
-      SetPathError(errno, path.host);
-      return INVALID_HANDLE_VALUE;
-    }
-    if (exists && S_ISLNK(lst.st_mode) && ::stat(path.host.c_str(), &st) != 0) {
-      // A link whose target is missing: the name exists, the file does not.
-      return FailHandle(creationDisposition == CREATE_NEW ? ERROR_FILE_EXISTS
-                                                          : ERROR_FILE_NOT_FOUND);
-    }
-    if (exists && !S_ISLNK(lst.st_mode)) st = lst;
+  int accessFlags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  if (read && write)
+    accessFlags |= O_RDWR;
+  else if (write)
+    accessFlags |= O_WRONLY;
+  else
+    accessFlags |= O_RDONLY;
+  const bool truncating =
+      creationDisposition == CREATE_ALWAYS || creationDisposition == TRUNCATE_EXISTING;
+  // A new file needs no look before it is made: O_EXCL refuses anything that
+  // exists (a link too, dangling or not), and the look below then tells why.
+  const bool createFirst = creationDisposition == CREATE_NEW && !trailingSeparator &&
+                           !path.isRoot && WriteCheck(path.medium.get()) == ERROR_SUCCESS;
 
-    const bool truncating =
-        creationDisposition == CREATE_ALWAYS || creationDisposition == TRUNCATE_EXISTING;
+  for (int attempt = 0;; ++attempt) {
+    bool exists = false;
     bool isDirectory = false;
-    if (trailingSeparator && !(exists && S_ISDIR(st.st_mode)))
-      return FailHandle(ERROR_INVALID_NAME);
-    if (exists) {
-      if (creationDisposition == CREATE_NEW) return FailHandle(ERROR_FILE_EXISTS);
-      if (S_ISDIR(st.st_mode)) {
-        if (!(flagsAndAttributes & FILE_FLAG_BACKUP_SEMANTICS) || truncating)
-          return FailHandle(ERROR_ACCESS_DENIED);
-        isDirectory = true;
-      } else if (!S_ISREG(st.st_mode)) {
-        // FIFOs, sockets and device nodes are never opened: an open could block.
-        return FailHandle(ERROR_ACCESS_DENIED);
-      } else if ((write || truncating) && !(st.st_mode & S_IWUSR)) {
-        return FailHandle(ERROR_ACCESS_DENIED); // a read-only file
-      }
-      if (write || truncating || (writeAttributes && isDirectory)) {
-        if (const DWORD code = WriteCheck(path.medium.get())) return FailHandle(code);
-      }
-    } else {
-      if (creationDisposition == OPEN_EXISTING || creationDisposition == TRUNCATE_EXISTING) {
-        SetMissingError(path.host);
+    bool pathOnly = false;
+    int fd = -1;
+    if (attempt == 0 && createFirst)
+      fd = ::open(path.host.c_str(), accessFlags | O_CREAT | O_EXCL, 0666);
+    if (fd < 0) {
+      struct stat lst {
+      }, st{};
+      exists = ::lstat(path.host.c_str(), &lst) == 0;
+      if (!exists && errno != ENOENT) {
+        SetPathError(errno, path.host);
         return INVALID_HANDLE_VALUE;
       }
-      if (path.isRoot) return FailHandle(ERROR_ACCESS_DENIED);
-      if (const DWORD code = WriteCheck(path.medium.get())) return FailHandle(code);
-    }
-
-    int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    if (isDirectory)
-      flags |= O_RDONLY | O_DIRECTORY;
-    else if (read && write)
-      flags |= O_RDWR;
-    else if (write)
-      flags |= O_WRONLY;
-    else
-      flags |= O_RDONLY;
-    if (!exists) flags |= O_CREAT | O_EXCL;
-
-    int fd = ::open(path.host.c_str(), flags, 0666);
-    if (fd < 0 && errno == EACCES && !read && !write && exists)
-      fd = ::open(path.host.c_str(), O_PATH | O_CLOEXEC);
-    if (fd < 0) {
-      const int err = errno;
-      // The item appeared or went away since it was looked at: look again.
-      if ((err == EEXIST || (err == ENOENT && exists)) && attempt < 3) continue;
-      if (err == ENOENT || err == ENOTDIR) {
-        SetLastError(ERROR_PATH_NOT_FOUND);
-        if (exists) SetMissingError(path.host);
-      } else if (err == EEXIST) {
-        SetLastError(ERROR_FILE_EXISTS);
-      } else {
-        SetLastErrorFromErrno(err);
+      if (exists && S_ISLNK(lst.st_mode) && ::stat(path.host.c_str(), &st) != 0) {
+        // A link whose target is missing: the name exists, the file does not.
+        return FailHandle(creationDisposition == CREATE_NEW ? ERROR_FILE_EXISTS
+                                                            : ERROR_FILE_NOT_FOUND);
       }
-      return INVALID_HANDLE_VALUE;
+      if (exists && !S_ISLNK(lst.st_mode)) st = lst;
+
+      if (trailingSeparator && !(exists && S_ISDIR(st.st_mode)))
+        return FailHandle(ERROR_INVALID_NAME);
+      if (exists) {
+        if (creationDisposition == CREATE_NEW) return FailHandle(ERROR_FILE_EXISTS);
+        if (S_ISDIR(st.st_mode)) {
+          if (!(flagsAndAttributes & FILE_FLAG_BACKUP_SEMANTICS) || truncating)
+            return FailHandle(ERROR_ACCESS_DENIED);
+          isDirectory = true;
+        } else if (!S_ISREG(st.st_mode)) {
+          // FIFOs, sockets and device nodes are never opened: an open could block.
+          return FailHandle(ERROR_ACCESS_DENIED);
+        } else if ((write || truncating) && !(st.st_mode & S_IWUSR)) {
+          return FailHandle(ERROR_ACCESS_DENIED); // a read-only file
+        }
+        if (write || truncating || (writeAttributes && isDirectory)) {
+          if (const DWORD code = WriteCheck(path.medium.get())) return FailHandle(code);
+        }
+      } else {
+        if (creationDisposition == OPEN_EXISTING || creationDisposition == TRUNCATE_EXISTING) {
+          SetMissingError(path.host);
+          return INVALID_HANDLE_VALUE;
+        }
+        if (path.isRoot) return FailHandle(ERROR_ACCESS_DENIED);
+        if (const DWORD code = WriteCheck(path.medium.get())) return FailHandle(code);
+      }
+
+      int flags =
+          isDirectory ? O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_RDONLY | O_DIRECTORY : accessFlags;
+      if (!exists) flags |= O_CREAT | O_EXCL;
+
+      fd = ::open(path.host.c_str(), flags, 0666);
+      if (fd < 0 && errno == EACCES && !read && !write && exists) {
+        fd = ::open(path.host.c_str(), O_PATH | O_CLOEXEC);
+        pathOnly = fd >= 0;
+      }
+      if (fd < 0) {
+        const int err = errno;
+        // The item appeared or went away since it was looked at: look again.
+        if ((err == EEXIST || (err == ENOENT && exists)) && attempt < 3) continue;
+        if (err == ENOENT || err == ENOTDIR) {
+          SetLastError(ERROR_PATH_NOT_FOUND);
+          if (exists) SetMissingError(path.host);
+        } else if (err == EEXIST) {
+          SetLastError(ERROR_FILE_EXISTS);
+        } else {
+          SetLastErrorFromErrno(err);
+        }
+        return INVALID_HANDLE_VALUE;
+      }
     }
 
     auto file = std::make_unique<FileObject>();
@@ -257,6 +284,7 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
     file->canWriteAttributes = writeAttributes;
     file->isDirectory = isDirectory;
     file->deleteOnClose = (flagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0;
+    if (!isDirectory && !pathOnly) file->position = 0;
     struct stat opened {};
     if (::fstat(fd, &opened) != 0 ||
         !(S_ISREG(opened.st_mode) || (isDirectory && S_ISDIR(opened.st_mode)))) {
@@ -271,15 +299,20 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
       return FailHandle(ERROR_SHARING_VIOLATION);
     }
 
-    if (exists && truncating) {
+    // An empty file needs no truncating; a file smaller than what the host
+    // reads ahead by itself needs no read-ahead hint (below).
+    bool empty = opened.st_size == 0;
+    const bool small = opened.st_size <= kOwnReadAhead;
+    if (exists && truncating && !empty) {
       const int r = write ? ::ftruncate(fd, 0) : ::truncate(path.host.c_str(), 0);
       if (r != 0) {
         SetLastErrorFromErrno(errno);
         return INVALID_HANDLE_VALUE;
       }
+      empty = true;
     }
     if (!isDirectory && (!exists || truncating))
-      ApplyCreateAttributes(path.host, fd, flagsAndAttributes);
+      ApplyCreateAttributes(*file, !exists, flagsAndAttributes, opened);
 
     if (!exists && securityAttributes != nullptr &&
         securityAttributes->lpSecurityDescriptor != nullptr) {
@@ -292,7 +325,7 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
       }
     }
 
-    if (!isDirectory) {
+    if (!isDirectory && !empty && !small) {
       if (flagsAndAttributes & FILE_FLAG_SEQUENTIAL_SCAN)
         ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
       else if (flagsAndAttributes & FILE_FLAG_RANDOM_ACCESS)
@@ -328,6 +361,7 @@ BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
     }
     if (n == 0) break;
     done += static_cast<DWORD>(n);
+    if (f->position >= 0) f->position += n;
   }
   if (bytesRead != nullptr) *bytesRead = done;
   return TRUE;
@@ -346,7 +380,7 @@ BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWri
   DeviceGuard guard(f->medium.get());
   if (f->medium && f->medium->capacity != 0) {
     struct stat st {};
-    const off_t position = ::lseek(f->fd, 0, SEEK_CUR);
+    const off_t position = f->position >= 0 ? f->position : ::lseek(f->fd, 0, SEEK_CUR);
     if (position < 0 || ::fstat(f->fd, &st) != 0) {
       SetLastErrorFromErrno(errno);
       return FALSE;
@@ -366,6 +400,7 @@ BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWri
       return FALSE;
     }
     done += static_cast<DWORD>(n);
+    if (f->position >= 0) f->position += n;
   }
   if (bytesWritten != nullptr) *bytesWritten = done;
   return TRUE;
@@ -387,7 +422,7 @@ DWORD SetFilePointer(HANDLE file, LONG distanceToMove, PLONG distanceToMoveHigh,
           : static_cast<std::int64_t>(distanceToMove);
   std::int64_t base = 0;
   if (moveMethod == FILE_CURRENT) {
-    base = ::lseek(f->fd, 0, SEEK_CUR);
+    base = f->position >= 0 ? f->position : ::lseek(f->fd, 0, SEEK_CUR);
   } else if (moveMethod == FILE_END) {
     struct stat st {};
     base = ::fstat(f->fd, &st) == 0 ? st.st_size : -1;
@@ -405,9 +440,13 @@ DWORD SetFilePointer(HANDLE file, LONG distanceToMove, PLONG distanceToMoveHigh,
     SetLastError(ERROR_INVALID_PARAMETER);
     return INVALID_SET_FILE_POINTER;
   }
-  if (::lseek(f->fd, static_cast<off_t>(target), SEEK_SET) < 0) {
-    SetLastErrorFromErrno(errno);
-    return INVALID_SET_FILE_POINTER;
+  // Where the file already stands it stays, without asking the system.
+  if (target != f->position) {
+    if (::lseek(f->fd, static_cast<off_t>(target), SEEK_SET) < 0) {
+      SetLastErrorFromErrno(errno);
+      return INVALID_SET_FILE_POINTER;
+    }
+    if (f->position >= 0) f->position = target;
   }
   if (distanceToMoveHigh != nullptr) *distanceToMoveHigh = static_cast<LONG>(target >> 32);
   const auto low = static_cast<DWORD>(target);
@@ -437,7 +476,7 @@ BOOL SetEndOfFile(HANDLE file) {
   if (!f->canWrite) return Fail(ERROR_ACCESS_DENIED);
   DeviceGuard guard(f->medium.get());
   struct stat st {};
-  const off_t position = ::lseek(f->fd, 0, SEEK_CUR);
+  const off_t position = f->position >= 0 ? f->position : ::lseek(f->fd, 0, SEEK_CUR);
   if (position < 0 || ::fstat(f->fd, &st) != 0) {
     SetLastErrorFromErrno(errno);
     return FALSE;
@@ -523,10 +562,10 @@ BOOL SetFileTime(HANDLE file, const FILETIME* creationTime, const FILETIME* last
     }
   }
   if (given(creationTime)) {
-    StoredInfo info = ReadStoredInfo(f->host, f->fd);
+    StoredInfo info = HandleStoredInfo(*f);
     info.hasCreation = true;
     info.creation = FileTimeToU64(*creationTime);
-    WriteStoredInfo(f->host, f->fd, info);
+    SetHandleStoredInfo(*f, info);
   }
   return TRUE;
 }
@@ -545,6 +584,7 @@ BOOL DeleteFileW(LPCWSTR fileName) {
   // Windows refuses to delete a read-only file, whoever asks.
   if (S_ISREG(lst.st_mode) && !(lst.st_mode & S_IWUSR)) return Fail(ERROR_ACCESS_DENIED);
   if (DeleteSharingConflict(lst.st_dev, lst.st_ino)) return Fail(ERROR_SHARING_VIOLATION);
+  NoteStoredInfoChange(); // the inode may come back as another item
   if (::unlink(path.host.c_str()) != 0) {
     SetPathError(errno, path.host);
     return FALSE;
@@ -640,6 +680,7 @@ BOOL MoveFileW(LPCWSTR existingFileName, LPCWSTR newFileName) {
       return Fail(code);
   }
 
+  NoteStoredInfoChange();
   if (::renameat2(AT_FDCWD, from.host.c_str(), AT_FDCWD, to.host.c_str(), RENAME_NOREPLACE) == 0)
     return TRUE;
   int err = errno;
@@ -666,12 +707,17 @@ BOOL MoveFileW(LPCWSTR existingFileName, LPCWSTR newFileName) {
 BOOL CreateDirectoryW(LPCWSTR pathName, LPSECURITY_ATTRIBUTES securityAttributes) {
   ResolvedPath path;
   if (!Resolve(pathName, path)) return FALSE;
+  // Where the medium takes the folder, mkdir itself tells whether the name
+  // exists (a link too); otherwise an existing name is reported first.
+  const bool writable = WriteCheck(path.medium.get()) == ERROR_SUCCESS &&
+                        !IsLockedByOther(path.medium.get(), nullptr);
   struct stat lst {};
-  if (::lstat(path.host.c_str(), &lst) == 0) return Fail(ERROR_ALREADY_EXISTS);
+  if (!writable && ::lstat(path.host.c_str(), &lst) == 0) return Fail(ERROR_ALREADY_EXISTS);
   if (const DWORD code = WriteCheck(path.medium.get())) return Fail(code);
   if (IsLockedByOther(path.medium.get(), nullptr)) return Fail(ERROR_ACCESS_DENIED);
   if (::mkdir(path.host.c_str(), 0777) != 0) {
     const int err = errno;
+    if (err == EEXIST) return Fail(ERROR_ALREADY_EXISTS);
     if (err == ENOENT || err == ENOTDIR) return Fail(ERROR_PATH_NOT_FOUND);
     SetLastErrorFromErrno(err);
     return FALSE;
@@ -718,6 +764,7 @@ BOOL RemoveDirectoryW(LPCWSTR pathName) {
       (stored.hasAttributes && (stored.attributes & FILE_ATTRIBUTE_READONLY)))
     return Fail(ERROR_ACCESS_DENIED);
   if (DeleteSharingConflict(lst.st_dev, lst.st_ino)) return Fail(ERROR_SHARING_VIOLATION);
+  NoteStoredInfoChange();
   if (::rmdir(path.host.c_str()) != 0) {
     const int err = errno;
     if (err == ENOTEMPTY || err == EEXIST) return Fail(ERROR_DIR_NOT_EMPTY);

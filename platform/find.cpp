@@ -79,7 +79,11 @@ bool NameBefore(const WIN32_FIND_DATAW& a, const WIN32_FIND_DATAW& b) {
 
 using namespace talvern::platform;
 
-HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findData) {
+namespace {
+
+// A search; with foldersOnly the items whose folder entry shows them to be
+// no folder are left out unexamined.
+HANDLE StartSearch(LPCWSTR fileName, LPWIN32_FIND_DATAW findData, bool foldersOnly) {
   if (fileName == nullptr || findData == nullptr) return FailHandle(ERROR_INVALID_PARAMETER);
   CString full;
   long filePart = -1;
@@ -91,13 +95,13 @@ HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findData) {
 
   ResolvedPath dir;
   if (!Resolve(folder.c_str(), dir)) return INVALID_HANDLE_VALUE;
-  struct stat st {};
-  if (::stat(dir.host.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-    return FailHandle(ERROR_PATH_NOT_FOUND);
   const std::string prefix = dir.host == "/" ? std::string("/") : dir.host + "/";
 
   auto find = std::make_unique<FindObject>();
   if (!HasWildcards(pattern)) {
+    struct stat st {};
+    if (::stat(dir.host.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+      return FailHandle(ERROR_PATH_NOT_FOUND);
     // One name: the item itself, if it exists.
     std::string hostName;
     if (!WindowsNameToHost(pattern, hostName)) return INVALID_HANDLE_VALUE;
@@ -107,10 +111,17 @@ HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findData) {
     Fill(data, HostNameToWindows(hostName), info);
     find->results.push_back(data);
   } else {
+    // Opening the folder tells whether it is one.
     DIR* d = ::opendir(dir.host.c_str());
     if (d == nullptr) {
-      if (errno == ENOENT || errno == ENOTDIR) return FailHandle(ERROR_PATH_NOT_FOUND);
-      SetLastErrorFromErrno(errno);
+      const int err = errno;
+      // A folder that cannot be reached at all is missing; one that cannot
+      // be read reports why.
+      struct stat st {};
+      if (err == ENOENT || err == ENOTDIR || ::stat(dir.host.c_str(), &st) != 0 ||
+          !S_ISDIR(st.st_mode))
+        return FailHandle(ERROR_PATH_NOT_FOUND);
+      SetLastErrorFromErrno(err);
       return INVALID_HANDLE_VALUE;
     }
     std::vector<WIN32_FIND_DATAW> entries;
@@ -120,8 +131,12 @@ HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findData) {
       const CString name = HostNameToWindows(hostName);
       // Longer names do not fit cFileName; host file systems do not make them.
       if (name.size() >= MAX_PATH || !Matches(pattern, name)) continue;
+      // A link may lead to a folder; an unknown type must be looked at.
+      if (foldersOnly && e->d_type != DT_DIR && e->d_type != DT_LNK && e->d_type != DT_UNKNOWN)
+        continue;
       ItemInfo info;
       if (!QueryItem(prefix + hostName, hostName, info)) continue; // gone meanwhile
+      if (foldersOnly && !(info.attributes & FILE_ATTRIBUTE_DIRECTORY)) continue;
       WIN32_FIND_DATAW data;
       Fill(data, name, info);
       entries.push_back(data);
@@ -147,6 +162,22 @@ HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findData) {
   *findData = find->results[0];
   find->next = 1;
   return RegisterHandle(std::move(find));
+}
+
+} // namespace
+
+HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findData) {
+  return StartSearch(fileName, findData, false);
+}
+
+HANDLE FindFirstFileExW(LPCWSTR fileName, FINDEX_INFO_LEVELS infoLevel, LPVOID findData,
+                        FINDEX_SEARCH_OPS searchOp, LPVOID searchFilter, DWORD additionalFlags) {
+  if ((infoLevel != FindExInfoStandard && infoLevel != FindExInfoBasic) ||
+      (searchOp != FindExSearchNameMatch && searchOp != FindExSearchLimitToDirectories) ||
+      searchFilter != nullptr || (additionalFlags & ~FIND_FIRST_EX_LARGE_FETCH) != 0)
+    return FailHandle(ERROR_INVALID_PARAMETER);
+  return StartSearch(fileName, static_cast<LPWIN32_FIND_DATAW>(findData),
+                     searchOp == FindExSearchLimitToDirectories);
 }
 
 BOOL FindNextFileW(HANDLE findFile, LPWIN32_FIND_DATAW findData) {

@@ -188,6 +188,31 @@ std::string NormaliseHostPath(const std::string& path);
 // (empty with the last error set when no drive holds it).
 CString PresentHostPath(const std::string& hostPath);
 
+// ---- Extended attribute record ---------------------------------------------------
+
+// What the layer keeps in the item's extended attribute.
+struct StoredInfo {
+  bool hasAttributes = false;
+  DWORD attributes = 0;
+  bool hasCreation = false;
+  std::uint64_t creation = 0;
+  // What the item held when this was read: no record, this record, or
+  // something else (a damaged or foreign value) that reads as no record.
+  enum class Found { Nothing, Record, Other } found = Found::Nothing;
+};
+StoredInfo ReadStoredInfo(const std::string& hostPath, int fd = -1);
+// Writes (or, when it holds nothing, removes) the record. Refusal by the
+// host file system is ignored: the layer then degrades quietly.
+void WriteStoredInfo(const std::string& hostPath, int fd, const StoredInfo& info);
+// Whether writing `wanted` would leave the item as `current` (read from
+// it) already is, so that the write can be left out.
+bool SameStoredInfo(const StoredInfo& current, const StoredInfo& wanted);
+// Counts the changes of records (and of names, which may give an inode to
+// another item) made by this process; what was read or written before the
+// count moved may be stale.
+std::uint64_t StoredInfoGeneration();
+void NoteStoredInfoChange();
+
 // ---- Files ------------------------------------------------------------------
 
 // The object behind a file or folder handle.
@@ -206,6 +231,15 @@ public:
   ino_t inode = 0;
   bool shareRegistered = false;
   std::shared_ptr<Medium> medium;
+  // The file position, kept here so that moving to where the file already
+  // stands costs no system call; -1 when unknown (folders, O_PATH handles).
+  std::int64_t position = -1;
+  // The item's extended attribute record as this handle last read or wrote
+  // it, valid while no call of the process changed a record since
+  // (storedGeneration equal to StoredInfoGeneration()).
+  bool storedKnown = false;
+  std::uint64_t storedGeneration = 0;
+  StoredInfo stored;
 };
 
 // True when open handles on (device, inode) forbid deleting or renaming it.
@@ -213,17 +247,17 @@ bool DeleteSharingConflict(dev_t device, ino_t inode);
 
 // ---- Attributes ---------------------------------------------------------------
 
-// What the layer keeps in the item's extended attribute.
-struct StoredInfo {
-  bool hasAttributes = false;
-  DWORD attributes = 0;
-  bool hasCreation = false;
-  std::uint64_t creation = 0;
-};
-StoredInfo ReadStoredInfo(const std::string& hostPath, int fd = -1);
-// Writes (or, when it holds nothing, removes) the record. Refusal by the
-// host file system is ignored: the layer then degrades quietly.
-void WriteStoredInfo(const std::string& hostPath, int fd, const StoredInfo& info);
+// Reads the record through the handle's memory of it when that is still
+// valid, else from the item, and remembers it.
+StoredInfo HandleStoredInfo(FileObject& file);
+// Writes the record through the handle (when it differs from what the item
+// holds) and remembers it.
+void SetHandleStoredInfo(FileObject& file, const StoredInfo& info);
+// The record of an item whose last handle was just closed, when nothing
+// changed records since: false when it must be read from the item.
+bool RecallClosedStoredInfo(dev_t device, ino_t inode, StoredInfo& info);
+// Keeps what a handle that is being closed knows of its item's record.
+void RememberClosedStoredInfo(const FileObject& file);
 
 // Full information about one item, as GetFileAttributesW and the searches
 // report it. lst is the item itself (lstat), st the item behind a link.

@@ -357,7 +357,11 @@ void Host::CountTree(const CString& baseDir, const CString& folder, Totals& tota
     if (!directories && (srch & SrchDirOnly)) continue;
     CArchiveEntry item;
     item.Path = folder;
-    const HANDLE find = FindFirstFileW(pattern.c_str(), &item.FindData);
+    // The folder pass needs no look at the files.
+    const HANDLE find = directories
+                            ? FindFirstFileExW(pattern.c_str(), FindExInfoStandard, &item.FindData,
+                                               FindExSearchLimitToDirectories, nullptr, 0)
+                            : FindFirstFileW(pattern.c_str(), &item.FindData);
     if (find == INVALID_HANDLE_VALUE) return;
     do {
       const bool isDirectory = (item.FindData.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;

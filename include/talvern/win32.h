@@ -383,12 +383,12 @@ using PSECURITY_DESCRIPTOR = void*;
 #define FILE_READ_ATTRIBUTES 0x0080u
 #define FILE_WRITE_ATTRIBUTES 0x0100u
 #define FILE_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x1FFu)
-#define FILE_GENERIC_READ \
+#define FILE_GENERIC_READ                                                                          \
   (STANDARD_RIGHTS_READ | FILE_READ_DATA | FILE_READ_ATTRIBUTES | FILE_READ_EA | SYNCHRONIZE)
-#define FILE_GENERIC_WRITE                                                                 \
-  (STANDARD_RIGHTS_WRITE | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES | FILE_WRITE_EA | \
+#define FILE_GENERIC_WRITE                                                                         \
+  (STANDARD_RIGHTS_WRITE | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES | FILE_WRITE_EA |               \
    FILE_APPEND_DATA | SYNCHRONIZE)
-#define FILE_GENERIC_EXECUTE \
+#define FILE_GENERIC_EXECUTE                                                                       \
   (STANDARD_RIGHTS_EXECUTE | FILE_READ_ATTRIBUTES | FILE_EXECUTE | SYNCHRONIZE)
 
 // Sharing, dispositions, attributes and flags of CreateFileW
@@ -549,13 +549,12 @@ TALVERN_API void SetLastError(DWORD code);
 
 // Files and folders
 TALVERN_API HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
-                               LPSECURITY_ATTRIBUTES securityAttributes,
-                               DWORD creationDisposition, DWORD flagsAndAttributes,
-                               HANDLE templateFile);
+                               LPSECURITY_ATTRIBUTES securityAttributes, DWORD creationDisposition,
+                               DWORD flagsAndAttributes, HANDLE templateFile);
 TALVERN_API BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
                           LPOVERLAPPED overlapped);
-TALVERN_API BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite,
-                           LPDWORD bytesWritten, LPOVERLAPPED overlapped);
+TALVERN_API BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
+                           LPOVERLAPPED overlapped);
 TALVERN_API DWORD SetFilePointer(HANDLE file, LONG distanceToMove, PLONG distanceToMoveHigh,
                                  DWORD moveMethod);
 TALVERN_API DWORD GetFileSize(HANDLE file, LPDWORD fileSizeHigh);
@@ -574,6 +573,21 @@ TALVERN_API BOOL RemoveDirectoryW(LPCWSTR pathName);
 TALVERN_API DWORD GetFileAttributesW(LPCWSTR fileName);
 TALVERN_API BOOL SetFileAttributesW(LPCWSTR fileName, DWORD fileAttributes);
 TALVERN_API HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findData);
+// FindFirstFileW with a level of detail and a search operation. The layer
+// fills WIN32_FIND_DATAW at both levels; FindExSearchLimitToDirectories
+// leaves out the items it knows to be no folder without examining them
+// (as on Windows, a caller still checks each result's folder attribute).
+// FIND_FIRST_EX_LARGE_FETCH is accepted as a hint; other flags are 87.
+enum FINDEX_INFO_LEVELS { FindExInfoStandard = 0, FindExInfoBasic = 1 };
+enum FINDEX_SEARCH_OPS {
+  FindExSearchNameMatch = 0,
+  FindExSearchLimitToDirectories = 1,
+  FindExSearchLimitToDevices = 2
+};
+constexpr DWORD FIND_FIRST_EX_LARGE_FETCH = 0x00000002;
+TALVERN_API HANDLE FindFirstFileExW(LPCWSTR fileName, FINDEX_INFO_LEVELS infoLevel, LPVOID findData,
+                                    FINDEX_SEARCH_OPS searchOp, LPVOID searchFilter,
+                                    DWORD additionalFlags);
 TALVERN_API BOOL FindNextFileW(HANDLE findFile, LPWIN32_FIND_DATAW findData);
 TALVERN_API BOOL FindClose(HANDLE findFile);
 TALVERN_API DWORD GetFullPathNameW(LPCWSTR fileName, DWORD bufferLength, LPWSTR buffer,
@@ -585,9 +599,8 @@ TALVERN_API UINT GetTempFileNameW(LPCWSTR pathName, LPCWSTR prefixString, UINT u
                                   LPWSTR tempFileName);
 
 // File mapping
-TALVERN_API HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes,
-                                      DWORD protect, DWORD maximumSizeHigh,
-                                      DWORD maximumSizeLow, LPCWSTR name);
+TALVERN_API HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
+                                      DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name);
 TALVERN_API LPVOID MapViewOfFile(HANDLE fileMappingObject, DWORD desiredAccess,
                                  DWORD fileOffsetHigh, DWORD fileOffsetLow,
                                  SIZE_T numberOfBytesToMap);
@@ -598,9 +611,8 @@ TALVERN_API void GetSystemInfo(LPSYSTEM_INFO systemInfo);
 TALVERN_API UINT GetDriveTypeW(LPCWSTR rootPathName);
 TALVERN_API BOOL GetVolumeInformationW(LPCWSTR rootPathName, LPWSTR volumeNameBuffer,
                                        DWORD volumeNameSize, LPDWORD volumeSerialNumber,
-                                       LPDWORD maximumComponentLength,
-                                       LPDWORD fileSystemFlags, LPWSTR fileSystemNameBuffer,
-                                       DWORD fileSystemNameSize);
+                                       LPDWORD maximumComponentLength, LPDWORD fileSystemFlags,
+                                       LPWSTR fileSystemNameBuffer, DWORD fileSystemNameSize);
 TALVERN_API BOOL GetDiskFreeSpaceW(LPCWSTR rootPathName, LPDWORD sectorsPerCluster,
                                    LPDWORD bytesPerSector, LPDWORD numberOfFreeClusters,
                                    LPDWORD totalNumberOfClusters);

@@ -205,3 +205,47 @@ TEST_F(SearchTest, PositionInsideARecordFailsWithTheReadersCode) {
 }
 
 } // namespace
+
+// A volume opened for reading only is read ahead in blocks. Records that
+// straddle a block's end, a security block larger than a block and a last
+// record that ends the file read as the writer wrote them.
+TEST(SearchReadAhead, RecordsAcrossBlocksReadAsWritten) {
+  TempDir dir;
+  RecordArchive a;
+  ASSERT_TRUE(a.FileName(dir.Win("r.arc").c_str(), nullptr));
+  ASSERT_TRUE(a.CreateOpen(1, 1));
+  const std::uint64_t sizes[] = {65400, 100, 131079, 0, 30000, 40000, 1, 65000, 3};
+  std::vector<CArchiveEntry> written;
+  for (std::uint32_t i = 0; i < std::size(sizes); ++i) {
+    CArchiveEntry e = FileEntry(u"f" + CString(i + 1, u'x'), u"dir", sizes[i]);
+    if (i == 4) {
+      const std::vector<std::uint8_t> sd = RandomBytes(70000, i);
+      e.Security->Data = new BYTE[sd.size()];
+      std::copy(sd.begin(), sd.end(), e.Security->Data);
+      e.Security->Length = static_cast<DWORD>(sd.size());
+    }
+    ASSERT_TRUE(AppendEntry(a, e, RandomBytes(sizes[i], i)));
+    written.push_back(e);
+  }
+  ASSERT_TRUE(a.Close());
+  ASSERT_TRUE(a.ReadOpen());
+  CArchiveEntry e;
+  CArchiveFindFile* find = a.FindFirst(e);
+  for (const CArchiveEntry& w : written) {
+    ASSERT_NE(find, nullptr) << a.GetErrorCode();
+    EXPECT_EQ(CString(e.FindData.cFileName), CString(w.FindData.cFileName));
+    EXPECT_EQ(e.Path, w.Path);
+    EXPECT_EQ(e.EntryOffset.GetValue(), w.EntryOffset.GetValue());
+    EXPECT_EQ(e.DataOffset.GetValue(), w.DataOffset.GetValue());
+    EXPECT_EQ(e.DataSize.GetValue(), w.DataSize.GetValue());
+    ASSERT_EQ(e.Security->Length, w.Security->Length);
+    EXPECT_TRUE(
+        std::equal(e.Security->Data, e.Security->Data + e.Security->Length, w.Security->Data));
+    if (&w != &written.back()) {
+      EXPECT_TRUE(a.FindNext(find, e)) << a.GetErrorCode();
+    }
+  }
+  EXPECT_FALSE(a.FindNext(find, e));
+  EXPECT_EQ(a.GetErrorCode(), ERROR_HANDLE_EOF);
+  a.FindClose(find);
+}

@@ -340,6 +340,20 @@ TEST(Attributes, SymbolicLinksAndSpecialFiles) {
   ASSERT_EQ(seen.size(), 3u);
   EXPECT_EQ(seen["lfile"].second, 8u);
   EXPECT_EQ(seen["ldangling"].first, FILE_ATTRIBUTE_REPARSE_POINT);
+  // Limited to folders: the folders, a link to one and the dots; a filter
+  // or an unknown flag is 87.
+  find = FindFirstFileExW((dir.Win() + u"\\*").c_str(), FindExInfoBasic, &data,
+                          FindExSearchLimitToDirectories, nullptr, FIND_FIRST_EX_LARGE_FETCH);
+  ASSERT_NE(find, INVALID_HANDLE_VALUE);
+  std::vector<std::string> folders;
+  do folders.push_back(N(data.cFileName));
+  while (FindNextFileW(find, &data));
+  FindClose(find);
+  EXPECT_EQ(folders, (std::vector<std::string>{".", "..", "ldir", "tdir"}));
+  EXPECT_EQ(ErrorOf(FindFirstFileExW((dir.Win() + u"\\*").c_str(), FindExInfoStandard, &data,
+                                     FindExSearchNameMatch, nullptr, 1),
+                    INVALID_HANDLE_VALUE),
+            ERROR_INVALID_PARAMETER);
   // A link to a folder is removed like a folder and leaves its target.
   EXPECT_TRUE(RemoveDirectoryW(dir.Win("ldir").c_str()));
   EXPECT_TRUE(test::Exists(dir.Host("tdir")));
