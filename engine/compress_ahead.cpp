@@ -54,9 +54,15 @@ bool OpenSpill(ScopedTempFile& spill) {
 } // namespace
 
 CompressAhead::CompressAhead(unsigned workers, const CString& baseDir, const CString& folder,
-                             DWORD srch, std::uint64_t budget, std::uint64_t largest)
-    : budget_(budget), largest_(largest) {
-  threads_.emplace_back([this, baseDir, folder, srch] { Walk(baseDir, folder, srch); });
+                             DWORD srch, bool followLinks, std::uint64_t budget,
+                             std::uint64_t largest)
+    : budget_(budget), largest_(largest), followLinks_(followLinks) {
+  threads_.emplace_back([this, baseDir, folder, srch] {
+    Walk(baseDir, folder, srch);
+    std::lock_guard<std::mutex> lock(mutex_);
+    walkerDone_ = true;
+    changed_.notify_all();
+  });
   for (unsigned i = 0; i < std::max(workers, 1u); ++i) threads_.emplace_back([this] { Work(); });
 }
 
@@ -88,9 +94,14 @@ void CompressAhead::Walk(const CString& baseDir, const CString& folder, DWORD sr
       const bool isFolder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
       if (isFolder != folders) continue;
       if (isFolder) {
-        // Folders reached through links are stored but not entered.
-        if (IsDotName(data.cFileName) || (srch & kNoRecurse) ||
-            (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT))
+        if (IsDotName(data.cFileName) || (srch & kNoRecurse)) continue;
+        // Folders reached through links are entered only as the walk
+        // enters them: when links are followed and lead out of the folders
+        // above.
+        if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) &&
+            !(followLinks_ &&
+              !CArchiveFile::IsLinkToAncestor(
+                  baseDir.c_str(), folder, JoinItemPath(baseDir.c_str(), folder, data.cFileName))))
           continue;
         CString inner = folder;
         if (!inner.empty()) inner += u'\\';
@@ -121,6 +132,7 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   if (stop_) return false;
   held += job->charge;
   jobs_.push_back(std::move(job));
+  ++submitted_;
   changed_.notify_all();
   return true;
 }
@@ -184,17 +196,25 @@ void CompressAhead::Work() {
 
 std::unique_ptr<PreparedFile> CompressAhead::Take(const CString& name) {
   std::unique_lock<std::mutex> lock(mutex_);
-  const auto found = std::find_if(jobs_.begin(), jobs_.end(),
-                                  [&](const auto& j) { return j->file->name == name; });
-  if (found == jobs_.end()) {
-    // The walk is past every file held ahead when the walker waits for
-    // room: make room, so that it goes on.
+  // The walker lists the same folders in the same order, and usually ahead
+  // of the walk, which waits for it when it is not. A file the walker never
+  // lists (one made after it passed, or in a folder it does not enter) is
+  // given up once the walker is done or has listed Patience more files.
+  const std::uint64_t since = submitted_;
+  auto found = jobs_.end();
+  for (;;) {
+    found = std::find_if(jobs_.begin(), jobs_.end(),
+                         [&](const auto& j) { return j->file->name == name; });
+    if (found != jobs_.end()) break;
+    if (stop_ || walkerDone_ || submitted_ - since >= Patience) return nullptr;
+    // Everything held is behind the walk, or passed by it, when the walker
+    // waits for room: make room, so that it goes on.
     if (walkerWaits_) {
       for (const auto& job : jobs_) Drop(*job);
       jobs_.clear();
       changed_.notify_all();
     }
-    return nullptr;
+    changed_.wait(lock);
   }
   // Files before it were left out by the walk: drop them. When no worker
   // has started on it, the walk compresses it sooner than waiting would.

@@ -55,19 +55,25 @@ public:
   static constexpr std::uint64_t DefaultLargest = 2u << 20;
   static constexpr std::uint64_t SpillBudget = 1u << 30;
   static constexpr unsigned MostWorkers = 8;
+  // Files the walker may list while the walk waits for one it has not
+  // listed yet, before the walk compresses that file itself.
+  static constexpr std::uint64_t Patience = 256;
 
   // Starts `workers` compressing threads and a walker over the tree below
-  // baseDir\folder that adding with these search flags would walk.
+  // baseDir\folder that adding with these search flags would walk,
+  // entering linked folders as adding does when followLinks is set.
   CompressAhead(unsigned workers, const CString& baseDir, const CString& folder, DWORD srch,
-                std::uint64_t budget = DefaultBudget, std::uint64_t largest = DefaultLargest);
+                bool followLinks = false, std::uint64_t budget = DefaultBudget,
+                std::uint64_t largest = DefaultLargest);
   ~CompressAhead();
   CompressAhead(const CompressAhead&) = delete;
   CompressAhead& operator=(const CompressAhead&) = delete;
 
   // The compressed data of the file `name` (a full name as the walk builds
-  // it), waiting for it when it is being compressed; null when the file
-  // was not found ahead or no worker has started on it yet (the walk then
-  // compresses it itself). Files found before it are dropped.
+  // it), waiting for the walker to list it and for a worker to compress
+  // it; null when the walker does not list it or no worker has started on
+  // it yet (the walk then compresses it itself). Files found before it are
+  // dropped.
   std::unique_ptr<PreparedFile> Take(const CString& name);
   // As Take, but only data that was compressed without a failure from a
   // file that still has the size and last-write time it had when read.
@@ -102,8 +108,11 @@ private:
   std::uint64_t spilled_ = 0;
   std::uint64_t budget_;
   std::uint64_t largest_;
+  bool followLinks_;
   bool stop_ = false;
-  bool walkerWaits_ = false; // the walker waits for room
+  bool walkerDone_ = false;     // the walker listed the whole tree, or gave up
+  std::uint64_t submitted_ = 0; // files queued so far
+  bool walkerWaits_ = false;    // the walker waits for room
   std::vector<std::thread> threads_;
 };
 

@@ -128,7 +128,8 @@ void StartCompressAhead(CArchiveFileData& d, const CString& base, const CString&
                         DWORD srch) {
   const unsigned workers = talvern::engine::CompressAhead::WorkersFor(d.CompressThreads);
   if (workers > 1)
-    d.Ahead = std::make_unique<talvern::engine::CompressAhead>(workers, base, folder, srch);
+    d.Ahead = std::make_unique<talvern::engine::CompressAhead>(workers, base, folder, srch,
+                                                               d.FollowLinks);
 }
 
 CString JoinFolder(const CString& folder, const WCHAR* name) {
