@@ -18,7 +18,7 @@ std::string JsonEntry(const CArchiveEntry& entry, DWORD volume) {
   const bool directory = IsDirectory(entry);
   const DWORD attributes = entry.FindData.dwFileAttributes;
   std::string text = "    {";
-  text += "\"path\": " + JsonString(EntryPath(entry));
+  text += "\"path\": " + JsonString(Utf8(EntryPathOf(entry.Path, entry.FindData.cFileName)));
   text += ", \"folder\": " + JsonString(Utf8(entry.Path));
   text += ", \"name\": " + JsonString(Utf8(entry.FindData.cFileName));
   text += std::string(", \"type\": ") + (directory ? "\"folder\"" : "\"file\"");

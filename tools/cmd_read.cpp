@@ -34,6 +34,19 @@ std::string Seconds(double seconds) {
   return text;
 }
 
+// Reports entries that the walk of the whole archive never reached: an
+// entry whose folder no folder entry before it opens ends the walk of the
+// folder it follows, so that nothing after it would be extracted or tested
+// without a word.
+int CheckReached(Session& session, const Host& host, const Totals& planned, int outcome) {
+  const std::uint64_t entries = planned.files + planned.folders;
+  if (host.Reached() >= entries) return outcome;
+  session.Error(std::to_string(entries - host.Reached()) + " of " + std::to_string(entries) +
+                " entries were not reached: their records do not follow the folders that hold "
+                "them (talvern list shows them)");
+  return WorseExit(outcome, kExitDamaged);
+}
+
 // folder is prefix, or lies below it (compared without regard to case).
 bool IsInside(const CString& folder, const CString& prefix) {
   if (folder.size() < prefix.size()) return false;
@@ -82,7 +95,15 @@ int ExtractSelected(Session& session, Host& host, const CString& target, std::ve
   if (read < 0) return 0;
   for (const Pick& pick : picks) {
     if (!walker.SeekTo(pick.volume, pick.offset, entry)) return 0;
-    if (!host.Expand(target.c_str(), entry, o.srch, o.attr)) return 0;
+    if (host.Expand(target.c_str(), entry, o.srch, o.attr)) continue;
+    // A folder or name that would leave the target is refused before
+    // anything is made for it: the other picks go on.
+    if (host.GetErrorCode() != ERROR_BAD_PATHNAME) return 0;
+    const std::string path = EntryPath(entry);
+    host.ReportFailure(
+        {path.empty() ? "(an entry without a name)" : path, ERROR_BAD_PATHNAME,
+         Activity::ExtractEntry});
+    host.ClearError();
   }
   if (host.IsOpen() && !host.Close()) return 0;
   return 1;
@@ -130,6 +151,7 @@ int RunExtract(Session& session) {
                    (skipped == 1 ? " existing file was" : " existing files were") +
                    " left alone (--overwrite chooses what to do)");
   int outcome = session.Outcome(host);
+  if (o.patterns.empty()) outcome = CheckReached(session, host, planned, outcome);
   for (std::size_t i = 0; i < hits.size(); ++i) {
     if (!hits[i]) {
       session.Error("nothing in the archive matches " + o.patterns[i]);
@@ -165,7 +187,7 @@ int RunTest(Session& session) {
   else
     session.Error("tested " + what + ": " + std::to_string(damaged) +
                   (damaged == 1 ? " is" : " are") + " damaged");
-  return session.Outcome(host);
+  return CheckReached(session, host, planned, session.Outcome(host));
 }
 
 } // namespace tool

@@ -192,6 +192,10 @@ int ExitCodeFor(DWORD code, Activity activity) {
       (code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND || code == ERROR_DIRECTORY))
     return kExitUsage;
   if (activity == Activity::ReadArchive && code == ERROR_FILE_NOT_FOUND) return kExitDamaged;
+  // An entry whose name the reader refuses is the archive's fault.
+  if ((activity == Activity::ExtractEntry || activity == Activity::CheckEntry) &&
+      code == ERROR_BAD_PATHNAME)
+    return kExitDamaged;
   if (reading) {
     switch (code) {
     case ERROR_CRC:

@@ -140,7 +140,12 @@ CString EntryPathOf(const CString& folder, const WCHAR* name) {
 }
 
 std::string EntryPath(const CArchiveEntry& entry) {
-  return Utf8(EntryPathOf(entry.Path, entry.FindData.cFileName));
+  // Control characters (C0, DEL and C1) of a name would act on the terminal
+  // that shows it: they are shown as '?', which no valid name holds.
+  CString path = EntryPathOf(entry.Path, entry.FindData.cFileName);
+  for (WCHAR& c : path)
+    if (c < 0x20 || (c >= 0x7F && c <= 0x9F)) c = u'?';
+  return Utf8(path);
 }
 
 std::uint64_t EntrySize(const CArchiveEntry& entry) {

@@ -394,6 +394,7 @@ void Host::CountItem(const CString& baseDir, CArchiveEntry& item, Totals& totals
 
 void Host::StartItem(const CArchiveEntry& entry, const std::string& path) {
   itemKey_ = KeyOf(entry);
+  ++reached_;
   itemSize_ = IsDirectory(entry) ? 0 : EntrySize(entry);
   progress_.StartItem(path, itemSize_, !IsDirectory(entry));
 }
@@ -612,7 +613,8 @@ int Host::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEntry& ent
                    CAttrFlags attr, CArchiveFindFile* find, int skip) {
   const bool isFile = !IsDirectory(entry);
   const std::uint64_t size = EntrySize(entry);
-  const std::string path = EntryPath(entry);
+  std::string path = EntryPath(entry);
+  if (path.empty()) path = "(an entry without a name)";
   itemLocalFailure_ = false;
   itemSkipped_ = false;
   itemSubject_.clear();
@@ -627,9 +629,12 @@ int Host::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEntry& ent
   const DWORD code = GetErrorCode();
   // Decoded without the expanding member: its size and CRC checks fail
   // here.
-  if (code == ERROR_CRC || code == ERROR_WRITE_FAULT) itemLocalFailure_ = true;
-  // A file whose output could not be made, or whose data did not check out,
-  // is reported and the walk goes on: the search is already behind it,
+  // A name that would leave the target, or is no name at all, is refused
+  // before anything is created or read for it.
+  if (code == ERROR_CRC || code == ERROR_WRITE_FAULT || code == ERROR_BAD_PATHNAME)
+    itemLocalFailure_ = true;
+  // A file whose output could not be made, whose name was refused or whose
+  // data did not check out, is reported and the walk goes on: the search is already behind it,
   // unless its data goes on in a further volume.
   if (isFile && itemLocalFailure_ && (entry.CompressType & kContinued) == 0 && MayGoOnAfter(code)) {
     ReportFailure({itemSubject_.empty() ? path : itemSubject_, code,

@@ -82,6 +82,9 @@ public:
   // What was processed: added or extracted or tested files, folders, bytes.
   const Totals& Done() const { return done_; }
   std::uint64_t SkippedExisting() const { return skippedExisting_; }
+  // Entries the walk reached (done, skipped or failed), split files once
+  // per volume they lie in.
+  std::uint64_t Reached() const { return reached_; }
   // Whether a question had to be answered "stop" because there was no
   // terminal to ask on (then the cancellation is not the person's).
   bool CouldNotAsk() const { return couldNotAsk_; }
@@ -179,6 +182,7 @@ private:
   // The item being worked on, for progress and for error messages.
   std::string itemKey_;
   std::uint64_t itemSize_ = 0;
+  std::uint64_t reached_ = 0;
   std::string subject_;
   std::string itemSubject_; // the output that could not be made
   Activity activity_ = Activity::General;
