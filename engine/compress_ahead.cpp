@@ -36,6 +36,11 @@ namespace {
 // while it is being written (nine bits a byte, and slack).
 std::uint64_t Charge(std::uint64_t size) { return size + size / 8 + 64; }
 
+// What a queued file costs besides its data: its records and its name, with
+// the allocator's slack. Counted too, so that a tree of millions of empty
+// files queues no more bookkeeping than the budget.
+std::uint64_t Bookkeeping(const CString& name) { return 256 + 2 * name.size(); }
+
 // A new temporary file in the system's temporary folder, open for writing
 // and reading back, as the adding walk's own temporary files are named.
 bool OpenSpill(ScopedTempFile& spill) {
@@ -121,7 +126,7 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   job->file = std::make_unique<PreparedFile>();
   job->file->name = name;
   job->file->size = size;
-  job->charge = Charge(size);
+  job->charge = Charge(size) + Bookkeeping(name);
   job->spills = size > largest_;
   std::unique_lock<std::mutex> lock(mutex_);
   std::uint64_t& held = job->spills ? spilled_ : held_;
