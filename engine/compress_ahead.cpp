@@ -112,7 +112,8 @@ void CompressAhead::Walk(const CString& baseDir, const CString& folder, DWORD sr
         if (!inner.empty()) inner += u'\\';
         inner += data.cFileName;
         Walk(baseDir, inner, srch);
-      } else {
+      } else if (SizeOf(data) != 0) {
+        // An empty file has nothing to compress: the walk does not ask.
         if (!Submit(JoinItemPath(baseDir.c_str(), folder, data.cFileName), SizeOf(data))) return;
       }
     } while (find.Next(data));
