@@ -104,10 +104,10 @@ private:
   std::uint64_t end_;
 };
 
-// A counted string as DoReadString reads it, from the record's bytes: the
-// budget is checked before each part, the text allocated before its bytes
-// are checked against the budget. False with the last error set.
-bool ReadCountedString(RecordBytes& in, std::uint64_t& budget, CString& text) {
+// A counted string, its bytes taken by read(buffer, count): the budget is
+// checked before each part, the text allocated before its bytes are checked
+// against the budget. False with the last error set.
+template <class Read> bool ReadCountedString(Read read, std::uint64_t& budget, CString& text) {
   text.clear();
   if (budget < 2) {
     SetLastError(ERROR_SEEK_ON_DEVICE);
@@ -115,7 +115,7 @@ bool ReadCountedString(RecordBytes& in, std::uint64_t& budget, CString& text) {
   }
   budget -= 2;
   BYTE count[2];
-  if (!in.Read(count, 2)) return false;
+  if (!read(count, 2)) return false;
   const DWORD n = GetLE16(count);
   if (n == 0) return true;
   std::vector<BYTE> bytes;
@@ -132,7 +132,7 @@ bool ReadCountedString(RecordBytes& in, std::uint64_t& budget, CString& text) {
     return false;
   }
   budget -= 2ull * n;
-  if (!in.Read(bytes.data(), 2 * n)) return false;
+  if (!read(bytes.data(), 2 * n)) return false;
   for (DWORD i = 0; i < n; ++i) result[i] = static_cast<WCHAR>(GetLE16(bytes.data() + 2 * i));
   text = std::move(result);
   return true;
@@ -183,37 +183,14 @@ CArchiveFileData::HeldBytes(std::uint64_t position, std::uint64_t count, const B
 // ---- Strings ---------------------------------------------------------------------------
 
 int CArchiveFile::DoReadString(CArchiveSize& budget, CString& text) const {
-  text.clear();
   std::uint64_t left = budget.GetValue();
-  if (left < 2) {
-    SetLastError(ERROR_SEEK_ON_DEVICE);
-    return 0;
-  }
-  left -= 2;
+  const bool ok = ReadCountedString(
+      [&](BYTE* buffer, DWORD count) {
+        return ReadAll(m_Data->Handle, buffer, count, ERROR_SEEK_ON_DEVICE);
+      },
+      left, text);
   budget = left;
-  BYTE count[2];
-  if (!ReadAll(m_Data->Handle, count, 2, ERROR_SEEK_ON_DEVICE)) return 0;
-  const DWORD n = GetLE16(count);
-  if (n == 0) return 1;
-
-  std::vector<BYTE> bytes;
-  CString result;
-  try {
-    bytes.resize(2 * static_cast<size_t>(n));
-    result.resize(n);
-  } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_OUTOFMEMORY);
-    return 0;
-  }
-  if (left < 2ull * n) {
-    SetLastError(ERROR_SEEK_ON_DEVICE);
-    return 0;
-  }
-  budget = left - 2ull * n;
-  if (!ReadAll(m_Data->Handle, bytes.data(), 2 * n, ERROR_SEEK_ON_DEVICE)) return 0;
-  for (DWORD i = 0; i < n; ++i) result[i] = static_cast<WCHAR>(GetLE16(bytes.data() + 2 * i));
-  text = std::move(result);
-  return 1;
+  return ok ? 1 : 0;
 }
 
 int CArchiveFile::DoReadString(CArchiveSize& budget, WCHAR* buffer, int capacity) const {
@@ -289,11 +266,12 @@ int CArchiveFile::DoReadEntry(const CArchiveOffset& position, const CArchiveSize
   fd.nFileSizeHigh = GetLE32(fixed + kOffSizeHigh);
 
   std::uint64_t left = headerSize - kFixedPart;
-  if (!ReadCountedString(in, left, entry.Path)) return fail(LastErrorOr());
+  const auto fromRecord = [&](BYTE* buffer, DWORD count) { return in.Read(buffer, count); };
+  if (!ReadCountedString(fromRecord, left, entry.Path)) return fail(LastErrorOr());
 
   std::fill(std::begin(fd.cFileName), std::end(fd.cFileName), static_cast<WCHAR>(0));
   CString name;
-  if (!ReadCountedString(in, left, name)) return fail(LastErrorOr());
+  if (!ReadCountedString(fromRecord, left, name)) return fail(LastErrorOr());
   std::copy_n(name.begin(), std::min(name.size(), static_cast<size_t>(kNameCapacity - 1)),
               fd.cFileName);
 

@@ -40,14 +40,14 @@ void Set64(Volumes& set, size_t v, size_t offset, std::uint64_t value) {
   Set32(set, v, offset + 4, static_cast<std::uint32_t>(value >> 32));
 }
 
-struct Row {
-  const char* what;
-  std::function<Volumes()> make;
-  const char* message;                // part of what the tool says on standard error
-  int exit;                           // the tool's exit code
-  std::vector<std::string> extracted; // what the target folder holds afterwards
-  const char* pattern = nullptr;      // extract only what matches, else everything
-};
+// A one-volume archive of a hostile entry x, then a harmless one.
+Volumes Plain() { return Named("", "x"); }
+// The same with x compressed, 5000 bytes of it.
+Volumes Compressed() {
+  return test::BuildVolumes(
+      {test::File("", "x", std::string(5000, 'z'), 1), test::File("", "good.txt", "ok")});
+}
+Volumes Split() { return SplitSet(); }
 
 // Folders nested until the path is longer than any system takes, each
 // record written after its parent's, then a file in the deepest one: the
@@ -63,162 +63,81 @@ Volumes Deep() {
   return test::BuildVolumes(items);
 }
 
-const std::vector<Row>& Rows() {
-  static const std::vector<Row> rows = {
-      // Names that would leave the target or are not names: refused, and
-      // the walk goes on with the next entry.
-      {"name ..", [] { return Named("", ".."); }, "error 161 ERROR_BAD_PATHNAME", 3, {"good.txt"}},
-      {"drive-relative name",
-       [] { return Named("", "c:x"); },
-       "c:x: the path is not valid",
-       3,
-       {"good.txt"}},
-      {"device CON", [] { return Named("", "CON"); }, "error 161", 3, {"good.txt"}},
-      {"device nul.txt", [] { return Named("", "nul.txt"); }, "error 161", 3, {"good.txt"}},
-      {"device COM1", [] { return Named("", "COM1"); }, "error 161", 3, {"good.txt"}},
-      {"stream", [] { return Named("", "a:stream"); }, "error 161", 3, {"good.txt"}},
-      {"trailing dot", [] { return Named("", "x."); }, "error 161", 3, {"good.txt"}},
-      {"empty name", [] { return Named("", ""); }, "(an entry without a name)", 3, {"good.txt"}},
-      {"control character",
-       [] { return Named("", "a\x1b[2J"); },
-       "a?[2J: the path is not valid",
-       3,
-       {"good.txt"}},
-      {"very long name",
-       [] { return Named("", std::string(300, 'n')); },
-       "error 206",
-       1,
-       {"good.txt"}},
-      {"too deep", Deep, "error 206", 1, {}},
-      // Folders of entries that no folder record opens end the walk of the
-      // whole archive, which says so; extracted by pattern, they are refused.
-      {"climbing folder",
-       [] { return Named("a\\..\\..", "x"); },
-       "2 of 2 entries were not reached",
-       3,
-       {}},
-      {"climbing folder, by pattern",
-       [] { return Named("a\\..\\..", "x"); },
-       "error 161",
-       3,
-       {"good.txt"},
-       "*"},
-      {"drive path", [] { return Named("C:\\Windows", "x"); }, "error 161", 3, {"good.txt"}, "*"},
-      {"share", [] { return Named("\\\\server\\share", "x"); }, "error 161", 3, {"good.txt"}, "*"},
-      {"rooted folder", [] { return Named("\\etc", "passwd"); }, "error 161", 3, {"good.txt"}, "*"},
-      {"device folder", [] { return Named("lpt1.dat", "x"); }, "error 161", 3, {"good.txt"}, "*"},
-      {"folder with a trailing space",
-       [] { return Named("dir ", "x"); },
-       "error 161",
-       3,
-       {"good.txt"},
-       "*"},
-      // Sizes that claim more than the volume holds.
-      {"data beyond the volume",
-       [] {
-         Volumes set = Named("", "x");
-         Set64(set, 0, 56, 1u << 30);
-         return set;
-       },
-       "error 132 ERROR_SEEK_ON_DEVICE",
-       3,
-       {}},
-      {"archive size beyond the file",
-       [] {
-         Volumes set = Named("", "x");
-         set[0][12] = 0xFF;
-         return set;
-       },
-       "error 1804 ERROR_INVALID_DATATYPE",
-       3,
-       {}},
-      {"packed size beyond its data",
-       [] {
-         Volumes set = Named("", "x");
-         Set64(set, 0, 48, 1ull << 40);
-         return set;
-       },
-       "error 38 ERROR_HANDLE_EOF",
-       3,
-       {}},
-      // Small entries that claim gigabytes: stored, and compressed.
-      {"stored entry claims 4 GiB",
-       [] {
-         Volumes set = Named("", "x");
-         Set32(set, 0, 44, 1);
-         return set;
-       },
-       "error 29",
-       3,
-       {"good.txt"}},
-      {"compressed entry claims 4 GiB",
-       [] {
-         Volumes set = test::BuildVolumes(
-             {test::File("", "x", std::string(5000, 'z'), 1), test::File("", "good.txt", "ok")});
-         Set32(set, 0, 44, 1);
-         return set;
-       },
-       "error 29",
-       3,
-       {"good.txt"}},
-      // Volumes of a numbered set out of place.
-      {"volume numbers out of order",
-       [] {
-         Volumes set = SplitSet();
-         std::swap(set[1], set[2]);
-         return set;
-       },
-       "error 34 ERROR_WRONG_DISK",
-       3,
-       {}},
-      {"first volume again in the middle",
-       [] {
-         Volumes set = SplitSet();
-         set[1] = set[0];
-         return set;
-       },
-       "error 34",
-       3,
-       {}},
-      {"continuation record of another entry",
-       [] {
-         Volumes set = SplitSet();
-         set[1] = SplitSet(12)[1];
-         return set;
-       },
-       "error 34",
-       3,
-       {}},
-      {"split entry without its continue bit",
-       [] {
-         Volumes set = SplitSet();
-         set[0][24 + 3] &= 0x7F;
-         return set;
-       },
-       "error 38",
-       3,
-       {}},
-      {"missing volume in the middle",
-       [] {
-         Volumes set = SplitSet();
-         set[1].clear();
-         return set;
-       },
-       "h.001",
-       3,
-       {}},
-  };
-  return rows;
+using Change = void (*)(Volumes&);
+const std::vector<std::string> kGood = {"good.txt"};
+
+struct Row {
+  const char* what;
+  std::function<Volumes()> make;
+  Change change;                      // applied to what make built, when set
+  const char* message;                // part of what the tool says on standard error
+  int exit;                           // the tool's exit code
+  std::vector<std::string> extracted; // what the target folder holds afterwards
+  const char* pattern = nullptr;      // extract only what matches, else everything
+};
+
+auto N(const char* folder, const char* name) {
+  return [=] { return Named(folder, name); };
 }
+
+// clang-format off
+const std::vector<Row> kRows = {
+    // Names that would leave the target or are not names: refused, and the
+    // walk goes on with the next entry.
+    {"name ..", N("", ".."), nullptr, "error 161 ERROR_BAD_PATHNAME", 3, kGood},
+    {"drive-relative name", N("", "c:x"), nullptr, "c:x: the path is not valid", 3, kGood},
+    {"device CON", N("", "CON"), nullptr, "error 161", 3, kGood},
+    {"device nul.txt", N("", "nul.txt"), nullptr, "error 161", 3, kGood},
+    {"device COM1", N("", "COM1"), nullptr, "error 161", 3, kGood},
+    {"stream", N("", "a:stream"), nullptr, "error 161", 3, kGood},
+    {"trailing dot", N("", "x."), nullptr, "error 161", 3, kGood},
+    {"empty name", N("", ""), nullptr, "(an entry without a name)", 3, kGood},
+    {"control characters", N("", "a\x1b[2J"), nullptr, "a?[2J: the path is not valid", 3, kGood},
+    {"very long name", [] { return Named("", std::string(300, 'n')); }, nullptr, "error 206", 1,
+     kGood},
+    {"too deep", Deep, nullptr, "error 206", 1, {}},
+    // Folders that no folder record opens end the walk of the whole archive,
+    // which says so; extracted by pattern, they are refused.
+    {"climbing folder", N("a\\..\\..", "x"), nullptr, "2 of 2 entries were not reached", 3, {}},
+    {"climbing folder, by pattern", N("a\\..\\..", "x"), nullptr, "error 161", 3, kGood, "*"},
+    {"drive path", N("C:\\Windows", "x"), nullptr, "error 161", 3, kGood, "*"},
+    {"share", N("\\\\server\\share", "x"), nullptr, "error 161", 3, kGood, "*"},
+    {"rooted folder", N("\\etc", "passwd"), nullptr, "error 161", 3, kGood, "*"},
+    {"device folder", N("lpt1.dat", "x"), nullptr, "error 161", 3, kGood, "*"},
+    {"folder with a trailing space", N("dir ", "x"), nullptr, "error 161", 3, kGood, "*"},
+    // Sizes that claim more than the volume holds (offsets in the record).
+    {"data beyond the volume", Plain, [](Volumes& v) { Set64(v, 0, 56, 1u << 30); },
+     "error 132 ERROR_SEEK_ON_DEVICE", 3, {}},
+    {"archive size beyond the file", Plain, [](Volumes& v) { v[0][12] = 0xFF; },
+     "error 1804 ERROR_INVALID_DATATYPE", 3, {}},
+    {"packed size beyond its data", Plain, [](Volumes& v) { Set64(v, 0, 48, 1ull << 40); },
+     "error 38 ERROR_HANDLE_EOF", 3, {}},
+    // Small entries that claim gigabytes: stored, and compressed.
+    {"stored entry claims 4 GiB", Plain, [](Volumes& v) { Set32(v, 0, 44, 1); }, "error 29", 3,
+     kGood},
+    {"compressed entry claims 4 GiB", Compressed, [](Volumes& v) { Set32(v, 0, 44, 1); },
+     "error 29", 3, kGood},
+    // Volumes of a numbered set out of place.
+    {"volume numbers out of order", Split, [](Volumes& v) { std::swap(v[1], v[2]); },
+     "error 34 ERROR_WRONG_DISK", 3, {}},
+    {"first volume again in the middle", Split, [](Volumes& v) { v[1] = v[0]; }, "error 34", 3, {}},
+    {"continuation record of another entry", Split, [](Volumes& v) { v[1] = SplitSet(12)[1]; },
+     "error 34", 3, {}},
+    {"split entry without its continue bit", Split, [](Volumes& v) { v[0][24 + 3] &= 0x7F; },
+     "error 38", 3, {}},
+    {"missing volume in the middle", Split, [](Volumes& v) { v[1].clear(); }, "h.001", 3, {}},
+};
+// clang-format on
 
 TEST(HostileArchiveTest, ExtractFailsCleanlyInsideItsTarget) {
   test::TempDir dir;
   int index = 0;
-  for (const Row& row : Rows()) {
+  for (const Row& row : kRows) {
     SCOPED_TRACE(row.what);
     const std::string folder = dir.Host("row" + std::to_string(index++));
     fs::create_directories(folder + "/tmp");
-    const Volumes volumes = row.make();
+    Volumes volumes = row.make();
+    if (row.change) row.change(volumes);
     std::string archive = "h.arc";
     if (volumes.size() == 1) {
       test::WriteFile(folder + "/h.arc", volumes[0]);
