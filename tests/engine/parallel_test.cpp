@@ -46,22 +46,19 @@ TEST(ParallelTest, WritesTheOneEngineStream) {
   const Bytes one = Compress(data);
   struct Case {
     std::size_t chunk, history;
+    unsigned threads;
   };
   // From a short history (many chunks redone) to the default one.
-  const Case cases[] = {{3 * 8192, 8192}, {5 * 8192, 16384}, {12 * 8192, 32768}, {1 << 20, 65536}};
+  const Case cases[] = {{3 * 8192, 8192, 2},   {3 * 8192, 8192, 8}, {5 * 8192, 16384, 3},
+                        {12 * 8192, 32768, 2}, {1 << 20, 65536, 1}, {1 << 20, 65536, 2}};
   for (const Case& c : cases) {
-    for (unsigned threads : {1u, 2u, 3u, 8u}) {
-      SCOPED_TRACE(testing::Message() << c.chunk << "/" << c.history << " on " << threads);
-      Bytes parallel;
-      ParallelReport report;
-      ASSERT_TRUE(
-          CompressParallel(data, threads, parallel, &report, ParallelShape{c.chunk, c.history}));
-      EXPECT_EQ(one.size(), parallel.size());
-      EXPECT_TRUE(one == parallel);
-      if (threads > 1) {
-        EXPECT_GT(report.chunks, 0u);
-      }
-    }
+    SCOPED_TRACE(testing::Message() << c.chunk << "/" << c.history << " on " << c.threads);
+    Bytes parallel;
+    ParallelReport report;
+    ASSERT_TRUE(
+        CompressParallel(data, c.threads, parallel, &report, ParallelShape{c.chunk, c.history}));
+    EXPECT_TRUE(one == parallel);
+    EXPECT_EQ(c.threads > 1, report.chunks > 0);
   }
 }
 
@@ -70,7 +67,7 @@ TEST(ParallelTest, ChunksCutAtRandomPlacesOfOneFile) {
   // anywhere in a chunk, also within its last 8192 bytes.
   const Bytes all = Mixed();
   std::mt19937 random(2026);
-  for (int round = 0; round < 40; ++round) {
+  for (int round = 0; round < 24; ++round) {
     const std::size_t size = 30000 + random() % 400000;
     const std::size_t from = random() % (all.size() - size);
     const Bytes data(all.begin() + from, all.begin() + from + size);
