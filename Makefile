@@ -9,7 +9,7 @@ JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test test-release test-asan fuzz bench bench-tree install-check format clean
+.PHONY: all deps build demo test test-release test-asan fuzz bench bench-parallel bench-tree install-check format clean
 
 all: build
 
@@ -51,6 +51,14 @@ bench:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_BUILD_BENCH=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS)
 	@scripts/bench.sh $(BUILD)
+
+# One large block on 1, 2 and 4 threads (FILE=, ROUNDS=; default: 200 MB
+# of /usr/include's headers one after the other).
+bench-parallel:
+	@scripts/install-deps.sh --bench
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target bench_parallel
+	@scripts/bench-parallel.sh $(BUILD) $(FILE) $(ROUNDS)
 
 # Whole-tree jobs against tar with gzip and zstd (see docs/performance.md).
 # BASELINE=path/to/another/talvern adds that build to every job; TREE= names

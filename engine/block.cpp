@@ -2,6 +2,12 @@
 #include "engine/block.h"
 
 #include "engine/code_format1.h"
+#include "engine/lz_parallel.h"
+#include "engine/streams.h"
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
 
 namespace talvern::engine {
 namespace {
@@ -71,6 +77,27 @@ bool PrepareEngine(DWORD& error, CEncodeDecode1& engine, CFileBit& bits) {
   return true;
 }
 
+// A large block is compressed on every core, into exactly the bytes one
+// engine writes; false (nothing done) for a small block, one core, or when
+// memory for the threads' engines is short.
+bool CompressOnAllCores(const BYTE* source, DWORD size, BYTE* destination, DWORD capacity,
+                        std::uint64_t& produced, bool& cut) {
+  const unsigned cores = std::thread::hardware_concurrency();
+  if (size < ParallelThreshold || cores < 2) return false;
+  produced = 0;
+  cut = false;
+  return CompressParallel(source, size, cores, [&](const std::uint8_t* bytes, std::size_t count) {
+    if (destination != nullptr) {
+      const std::uint64_t room = produced < capacity ? capacity - produced : 0;
+      std::memcpy(destination + produced, bytes,
+                  static_cast<std::size_t>(std::min<std::uint64_t>(count, room)));
+      if (count > room) cut = true;
+    }
+    produced += count;
+    return true;
+  });
+}
+
 } // namespace
 
 BOOL CompressBlock(DWORD& error, const BYTE* source, DWORD sourceSize, BlockHeader& header,
@@ -85,6 +112,9 @@ BOOL CompressBlock(DWORD& error, const BYTE* source, DWORD sourceSize, BlockHead
     SetDestination(out, destination, capacity);
     if (!CopyBlock(error, in, out, crc, produced)) return FALSE;
     cut = out.IsShort();
+  } else if (header.CompressType == MethodFormat1 &&
+             CompressOnAllCores(source, sourceSize, destination, capacity, produced, cut)) {
+    crc = Crc32Update(0, source, sourceSize);
   } else if (header.CompressType == MethodFormat1) {
     CEncodeDecode1 engine;
     CFileBit out;

@@ -2,6 +2,7 @@
 // to the data, and the encoder's two paths must write the bytes of the plain
 // model.
 #include "engine/code_format1.h"
+#include "engine/lz_parallel.h"
 #include "fuzz_common.h"
 #include "tests/engine/reference_coder.h"
 
@@ -37,6 +38,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::vector<BYTE> stream = Stream(direct, data, size);
   FUZZ_CHECK(stream == Stream(general, data, size));
   FUZZ_CHECK(stream == enginetest::ReferenceCompress(enginetest::Bytes(data, data + size)));
+
+  // The input over and over, long enough for three chunks of the smallest
+  // cut: compressed on three threads, it gives the one engine's bytes.
+  if (size >= 16) {
+    std::vector<BYTE> tiled;
+    while (tiled.size() < 56 * 1024) tiled.insert(tiled.end(), data, data + size);
+    std::vector<BYTE> parallel;
+    FUZZ_CHECK(talvern::engine::CompressParallel(
+        tiled.data(), tiled.size(), 3,
+        [&](const std::uint8_t* bytes, std::size_t count) {
+          parallel.insert(parallel.end(), bytes, bytes + count);
+          return true;
+        },
+        nullptr, talvern::engine::ParallelShape{3 * 8192, 8192}));
+    FUZZ_CHECK(parallel == Stream(direct, tiled.data(), tiled.size()));
+  }
 
   const DWORD length = static_cast<DWORD>(size);
   for (DWORD method : {0u, 1u}) {

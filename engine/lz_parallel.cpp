@@ -1,0 +1,354 @@
+// Compression of one block on several threads, byte for byte the stream of
+// one engine (see lz_parallel.h and docs/compression.md).
+#include "engine/lz_parallel.h"
+
+#include "engine/lz_tree.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <thread>
+#include <vector>
+
+namespace talvern::engine {
+namespace {
+
+constexpr unsigned kN = DriverShape::n;
+constexpr unsigned kMax = DriverShape::maxMatch;
+constexpr unsigned kMin = DriverShape::minMatch;
+constexpr unsigned kChains = CEncodeDecodeBase::ChainCount;
+constexpr std::size_t kNodeBytes = 16 * std::size_t{kN} + 17408; // as the engine lays it out
+constexpr std::size_t kInfoOffset = 12 * std::size_t{kN} + 2 * std::size_t{kChains};
+constexpr std::size_t kTextBytes = 2 * std::size_t{kN} + kMax;
+constexpr unsigned kPositionBits = 13;
+constexpr std::uint32_t kEndCode = 0x1FF;
+// Where a worker keeps copies of its engine: the first code boundary at or
+// after these distances from its chunk's start.
+constexpr std::size_t kCopyAt[] = {256, 1024, 4096, 16384, 65536};
+
+// Bits written most significant first, as the format-1 coder packs them.
+struct Bits {
+  std::vector<std::uint8_t> bytes;
+  std::uint64_t pending = 0; // the low `count` bits are not yet in a byte
+  unsigned count = 0;
+
+  void Put(unsigned n, std::uint32_t value) {
+    pending = (pending << n) | value;
+    count += n;
+    while (count >= 8) {
+      count -= 8;
+      bytes.push_back(static_cast<std::uint8_t>(pending >> count));
+    }
+  }
+  std::uint64_t Size() const { return bytes.size() * 8 + count; }
+  unsigned Bit(std::uint64_t i) const {
+    if (i < bytes.size() * 8) return (bytes[i / 8] >> (7 - i % 8)) & 1u;
+    return static_cast<unsigned>(pending >> (count - 1 - (i - bytes.size() * 8))) & 1u;
+  }
+  // Appends the bits [from, to) of other.
+  void Append(const Bits& other, std::uint64_t from, std::uint64_t to) {
+    while (from < to && from % 8 != 0) Put(1, other.Bit(from++));
+    const std::uint64_t whole = std::min<std::uint64_t>(to, other.bytes.size() * 8);
+    if (count == 0 && from < whole) {
+      bytes.insert(bytes.end(), other.bytes.begin() + static_cast<std::ptrdiff_t>(from / 8),
+                   other.bytes.begin() + static_cast<std::ptrdiff_t>(whole / 8));
+      from = whole;
+    }
+    for (; from + 8 <= whole; from += 8) Put(8, other.bytes[from / 8]);
+    while (from < to) Put(1, other.Bit(from++));
+  }
+};
+
+// One engine over the block in memory, with the one engine's loop taken a
+// turn at a time. At the top of a turn (a code boundary) the tree holds
+// every position up to the current one and the match found for it.
+class Engine {
+public:
+  Engine(const std::uint8_t* input, std::size_t size)
+      : block_(new (std::nothrow) std::uint8_t[kNodeBytes]()),
+        text_(new (std::nothrow) std::uint8_t[kTextBytes]()), input_(input), size_(size) {}
+  bool Ok() const { return block_ && text_; }
+
+  // As the one engine starts: spaces behind the first block, the first
+  // position entered.
+  void StartAtBeginning() {
+    InitTree();
+    origin_ = -static_cast<std::int64_t>(kN + kMax);
+    t_.pos = kN + kMax;
+    std::memset(text_.get() + t_.pos, 0x20, kN);
+    const std::size_t got = std::min<std::size_t>(kN, size_);
+    std::memcpy(text_.get() + t_.pos, input_, got);
+    readEnd_ = got;
+    remainder_ = static_cast<unsigned>(got);
+    EnterFirst();
+  }
+
+  // As the one engine stands right after its window slid for the position
+  // at offset `at` (a multiple of 8192 less 256, at least 16128), but with
+  // an empty tree: the text as it holds it then, bytes beyond the data
+  // being those a block read earlier left there.
+  void StartAt(std::size_t at) {
+    InitTree();
+    origin_ = static_cast<std::int64_t>(at) - kN;
+    t_.pos = kN;
+    for (std::size_t i = 0; i < kTextBytes; ++i) {
+      std::size_t offset = static_cast<std::size_t>(origin_) + i;
+      while (offset >= size_) offset -= kN;
+      text_[i] = input_[offset];
+    }
+    readEnd_ = std::min(size_, at + kN + kMax);
+    remainder_ = static_cast<unsigned>(readEnd_ - at);
+    EnterFirst();
+  }
+
+  // The offset of the current code boundary.
+  std::size_t Boundary() const { return static_cast<std::size_t>(origin_ + t_.pos); }
+  bool AtEnd() const { return remainder_ == 0; }
+
+  // One turn of the one engine's loop: a literal or a match is written (to
+  // bits, when given) and the strings it covers are entered.
+  void Turn(Bits* bits) {
+    unsigned lastLen = t_.matchLen;
+    const unsigned lastPos = t_.matchPos;
+    Advance();
+    UpdateTree(t_);
+    if (t_.matchLen > remainder_) t_.matchLen = remainder_;
+    if (t_.matchLen > lastLen || lastLen < kMin) {
+      if (bits) bits->Put(9, text_[t_.pos - 1]);
+      return;
+    }
+    if (bits)
+      bits->Put(9 + kPositionBits,
+                ((lastLen - kMin + 256) << kPositionBits) | ((t_.pos - lastPos - 2) & (kN - 1)));
+    while (--lastLen != 0) {
+      Advance();
+      UpdateTree(t_);
+    }
+    if (t_.matchLen > remainder_) t_.matchLen = remainder_;
+  }
+
+  // Turns until the code boundary is at or beyond `offset`, or the data ends.
+  void RunTo(std::size_t offset, Bits* bits) {
+    while (!AtEnd() && Boundary() < offset) Turn(bits);
+  }
+
+  // What decides the codes from the current boundary on, besides the data.
+  struct Copy {
+    std::size_t at = 0;
+    std::uint64_t bit = 0; // where the codes from `at` on begin in the worker's bits
+    unsigned pos = 0, matchLen = 0, matchPos = 0, remainder = 0;
+    std::unique_ptr<std::uint8_t[]> block;
+  };
+  bool Keep(Copy& copy, std::uint64_t bit) const {
+    copy.block.reset(new (std::nothrow) std::uint8_t[kNodeBytes]);
+    if (!copy.block) return false;
+    std::memcpy(copy.block.get(), block_.get(), kNodeBytes);
+    copy.at = Boundary();
+    copy.bit = bit;
+    copy.pos = t_.pos;
+    copy.matchLen = t_.matchLen;
+    copy.matchPos = t_.matchPos;
+    copy.remainder = remainder_;
+    return true;
+  }
+
+  // Whether this engine writes from its boundary on what the engine copied
+  // writes: same place, same match, and trees that pair up node for node in
+  // level, child count and recent position (node numbers aside).
+  bool SameAs(const Copy& copy) const {
+    if (copy.at != Boundary() || copy.pos != t_.pos || copy.matchLen != t_.matchLen ||
+        copy.matchPos != t_.matchPos || copy.remainder != remainder_)
+      return false;
+    const auto* a = reinterpret_cast<const WORD*>(block_.get());
+    const auto* b = reinterpret_cast<const WORD*>(copy.block.get());
+    const auto* ia = reinterpret_cast<const NodeData*>(block_.get() + kInfoOffset);
+    const auto* ib = reinterpret_cast<const NodeData*>(copy.block.get() + kInfoOffset);
+    const auto same = [](const NodeData& x, const NodeData& y) {
+      return x.Level == y.Level && x.ChildCount == y.ChildCount && x.Position == y.Position;
+    };
+    for (unsigned root = kN; root < kN + 256; ++root)
+      if (!same(ia[root], ib[root])) return false;
+    std::vector<WORD> pair(kN, NIL), back(kN, NIL);
+    for (unsigned leaf = kN; leaf < 2 * kN; ++leaf) {
+      unsigned x = a[3 * leaf];
+      unsigned y = b[3 * leaf];
+      if (x == NIL || y == NIL) {
+        // Not in the tree: forwarded to the newer leaf of the same string.
+        if (x != y || a[3 * leaf + 2] != b[3 * leaf + 2]) return false;
+        continue;
+      }
+      while (x < kN && y < kN) {
+        if (pair[x] == NIL && back[y] == NIL) {
+          if (!same(ia[x], ib[y])) return false;
+          pair[x] = static_cast<WORD>(y);
+          back[y] = static_cast<WORD>(x);
+          x = a[3 * x];
+          y = b[3 * y];
+          continue;
+        }
+        if (pair[x] != y) return false;
+        x = y = kN; // met before: the rest of the way up was compared then
+      }
+      if (x != y) return false; // the same root, or an internal node against a root
+    }
+    return true;
+  }
+
+private:
+  void InitTree() {
+    std::memset(block_.get(), 0, kNodeBytes);
+    t_.links = Links{reinterpret_cast<WORD*>(block_.get()), 6 * kN};
+    t_.info = reinterpret_cast<NodeData*>(block_.get() + kInfoOffset);
+    t_.text = text_.get();
+    for (unsigned c = 0; c < 256; ++c) {
+      t_.info[kN + c].Level = 1;
+      t_.info[kN + c].ChildCount = 0;
+      t_.info[kN + c].Position = 0;
+    }
+    for (unsigned i = 0; i < kN; ++i) {
+      t_.links.Parent(kN + i) = NIL;
+      t_.links.Next(i) = static_cast<WORD>(i + 1);
+    }
+    t_.avail = 1;
+    t_.matchPos = 0;
+    t_.matchLen = 0;
+  }
+  void EnterFirst() {
+    UpdateTree(t_);
+    if (t_.matchLen > remainder_) t_.matchLen = remainder_;
+  }
+  // The next position; the window slides at its end as the one engine's does.
+  void Advance() {
+    ++t_.pos;
+    --remainder_;
+    if (t_.pos == 2 * kN) {
+      std::memmove(text_.get(), text_.get() + kN, std::size_t{kN} + kMax);
+      const std::size_t got = std::min<std::size_t>(kN, size_ - readEnd_);
+      std::memcpy(text_.get() + kN + kMax, input_ + readEnd_, got);
+      readEnd_ += got;
+      remainder_ += static_cast<unsigned>(got);
+      t_.pos = kN;
+      origin_ += kN;
+    }
+  }
+
+  std::unique_ptr<std::uint8_t[]> block_;
+  std::unique_ptr<std::uint8_t[]> text_;
+  const std::uint8_t* input_;
+  std::size_t size_;
+  Tree<DriverShape> t_{};
+  std::int64_t origin_ = 0; // the offset of text index 0
+  std::size_t readEnd_ = 0;
+  unsigned remainder_ = 0;
+};
+
+// A chunk compressed by a primed engine, with its copies.
+struct Worker {
+  std::unique_ptr<Engine> engine;
+  Bits bits;
+  std::vector<Engine::Copy> copies;
+  bool ok = true;
+
+  void Run(std::size_t start, std::size_t end, std::size_t history) {
+    engine->StartAt(start - history);
+    engine->RunTo(start, nullptr);
+    for (const std::size_t distance : kCopyAt) {
+      if (engine->AtEnd() || start + distance >= end) break;
+      engine->RunTo(start + distance, &bits);
+      if (engine->AtEnd()) break;
+      copies.emplace_back();
+      if (!engine->Keep(copies.back(), bits.Size())) {
+        ok = false;
+        return;
+      }
+    }
+    engine->RunTo(end, &bits);
+  }
+};
+
+} // namespace
+
+bool CompressParallel(const std::uint8_t* input, std::size_t size, unsigned threads,
+                      const ParallelSink& sink, ParallelReport* report, ParallelShape shape) {
+  const std::size_t chunk = shape.chunk;
+  const std::size_t history = shape.history;
+  const bool shaped = chunk % kN == 0 && history % kN == 0 && history >= kN &&
+                      chunk >= history + 2 * std::size_t{kN};
+  // Chunk k > 0 starts 256 bytes before k chunks, where the window slides.
+  const auto start = [&](std::size_t k) { return k * chunk - kMax; };
+  std::size_t chunks = 1;
+  if (shaped && threads > 1)
+    while (start(chunks) < size) ++chunks;
+
+  // The joined stream; its whole bytes go to the sink piece by piece.
+  Bits result;
+  const auto flush = [&](bool all) {
+    if (result.bytes.empty() || (!all && result.bytes.size() < (std::size_t{1} << 16))) return true;
+    const bool ok = sink(result.bytes.data(), result.bytes.size());
+    result.bytes.clear();
+    return ok;
+  };
+  auto exact = std::make_unique<Engine>(input, size);
+  if (!exact->Ok()) return false;
+  exact->StartAtBeginning();
+  Bits exactBits;
+  std::uint64_t exactFrom = 0;
+  const auto end = [&](std::size_t k) { return k + 1 < chunks ? start(k + 1) : size; };
+
+  std::size_t k = 0; // the chunk the exact engine is in
+  while (k + 1 < chunks) {
+    const std::size_t last = std::min<std::size_t>(k + threads - 1, chunks - 1);
+    std::vector<Worker> workers(last - k);
+    for (Worker& worker : workers) {
+      worker.engine = std::make_unique<Engine>(input, size);
+      if (!worker.engine->Ok()) return false;
+    }
+    {
+      std::vector<std::thread> running;
+      for (std::size_t i = 0; i < workers.size(); ++i)
+        running.emplace_back([&, i] { workers[i].Run(start(k + 1 + i), end(k + 1 + i), history); });
+      exact->RunTo(end(k), &exactBits);
+      for (std::thread& thread : running) thread.join();
+    }
+    // Join the workers in order to the exact engine.
+    for (std::size_t i = 0; i < workers.size(); ++i) {
+      Worker& worker = workers[i];
+      if (!worker.ok) return false;
+      if (report) ++report->chunks;
+      const Engine::Copy* agreed = nullptr;
+      for (const Engine::Copy& copy : worker.copies) {
+        exact->RunTo(copy.at, &exactBits);
+        if (exact->SameAs(copy)) {
+          agreed = &copy;
+          break;
+        }
+      }
+      if (agreed) {
+        result.Append(exactBits, exactFrom, exactBits.Size());
+        if (!flush(false)) return false;
+        exact = std::move(worker.engine);
+        exactBits = std::move(worker.bits);
+        exactFrom = agreed->bit;
+      } else {
+        if (report) ++report->redone;
+        exact->RunTo(end(k + 1 + i), &exactBits);
+      }
+    }
+    k = last;
+  }
+  // The rest, on this thread, passed on a chunk at a time.
+  for (;;) {
+    exact->RunTo(exact->Boundary() + (shaped ? chunk : std::size_t{1} << 20), &exactBits);
+    result.Append(exactBits, exactFrom, exactBits.Size());
+    exactBits = Bits();
+    exactFrom = 0;
+    if (!flush(false)) return false;
+    if (exact->AtEnd()) break;
+  }
+  result.Put(9, kEndCode);
+  if (result.count != 0) result.Put(8 - result.count, 0);
+  return flush(true);
+}
+
+} // namespace talvern::engine

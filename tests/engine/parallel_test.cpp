@@ -1,0 +1,109 @@
+// Compression on several threads writes the one engine's stream, byte for
+// byte, whatever the data, the cut into chunks and the number of threads.
+#include "engine/block.h"
+#include "engine/lz_parallel.h"
+#include "engine/streams.h"
+#include "engine_test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace enginetest {
+namespace {
+
+using talvern::engine::ParallelReport;
+using talvern::engine::ParallelShape;
+
+bool CompressParallel(const Bytes& data, unsigned threads, Bytes& out, ParallelReport* report,
+                      ParallelShape shape) {
+  return talvern::engine::CompressParallel(
+      data.data(), data.size(), threads,
+      [&](const std::uint8_t* bytes, std::size_t count) {
+        out.insert(out.end(), bytes, bytes + count);
+        return true;
+      },
+      report, shape);
+}
+
+// All corpus files one after the other, then text-like and random bytes,
+// so that chunks start in every kind of data.
+Bytes Mixed() {
+  Bytes all;
+  for (const std::string& file : CorpusFiles()) {
+    const Bytes bytes = ReadAll(file);
+    all.insert(all.end(), bytes.begin(), bytes.end());
+  }
+  for (const Bytes& more : {TextLike(300000, 7), TextLike(200000, 8)})
+    all.insert(all.end(), more.begin(), more.end());
+  std::mt19937 random(9);
+  for (int i = 0; i < 100000; ++i) all.push_back(static_cast<std::uint8_t>(random()));
+  return all;
+}
+
+TEST(ParallelTest, WritesTheOneEngineStream) {
+  const Bytes data = Mixed();
+  const Bytes one = Compress(data);
+  struct Case {
+    std::size_t chunk, history;
+    unsigned threads;
+  };
+  // From a short history (many chunks redone) to the default one.
+  const Case cases[] = {{3 * 8192, 8192, 2},   {3 * 8192, 8192, 8}, {5 * 8192, 16384, 3},
+                        {12 * 8192, 32768, 2}, {1 << 20, 65536, 1}, {1 << 20, 65536, 2}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.chunk << "/" << c.history << " on " << c.threads);
+    Bytes parallel;
+    ParallelReport report;
+    ASSERT_TRUE(
+        CompressParallel(data, c.threads, parallel, &report, ParallelShape{c.chunk, c.history}));
+    EXPECT_TRUE(one == parallel);
+    EXPECT_EQ(c.threads > 1, report.chunks > 0);
+  }
+}
+
+TEST(ParallelTest, ChunksCutAtRandomPlacesOfOneFile) {
+  // Random cuts of random slices of the data: the end of the data falls
+  // anywhere in a chunk, also within its last 8192 bytes.
+  const Bytes all = Mixed();
+  std::mt19937 random(2026);
+  for (int round = 0; round < 24; ++round) {
+    const std::size_t size = 30000 + random() % 400000;
+    const std::size_t from = random() % (all.size() - size);
+    const Bytes data(all.begin() + from, all.begin() + from + size);
+    const std::size_t history = 8192 * (1 + random() % 4);
+    const std::size_t chunk = history + 8192 * (2 + random() % 6);
+    SCOPED_TRACE(testing::Message() << from << "+" << size << " " << chunk << "/" << history);
+    Bytes parallel;
+    ASSERT_TRUE(
+        CompressParallel(data, 2 + round % 3, parallel, nullptr, ParallelShape{chunk, history}));
+    EXPECT_TRUE(Compress(data) == parallel);
+  }
+}
+
+} // namespace
+} // namespace enginetest
+
+namespace enginetest {
+namespace {
+
+TEST(ParallelTest, LargeOneShotBlocksUseEveryCoreAndKeepTheirBytes) {
+  Bytes data = TextLike(5u << 20, 21);
+  const Bytes one = Compress(data);
+  talvern::engine::BlockHeader header;
+  header.CompressType = talvern::engine::MethodFormat1;
+  Bytes out(data.size());
+  DWORD error = 0;
+  ASSERT_TRUE(talvern::engine::CompressBlock(error, data.data(), static_cast<DWORD>(data.size()),
+                                             header, out.data(), static_cast<DWORD>(out.size())));
+  out.resize(header.CompressedSize);
+  EXPECT_TRUE(one == out);
+  EXPECT_EQ(talvern::engine::Crc32Update(0, data.data(), data.size()), header.Crc);
+  // Too small a destination fails as with one engine.
+  EXPECT_FALSE(talvern::engine::CompressBlock(error, data.data(), static_cast<DWORD>(data.size()),
+                                              header, out.data(), 1000));
+  EXPECT_EQ(static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER), error);
+}
+
+} // namespace
+} // namespace enginetest
