@@ -13,6 +13,7 @@
 namespace talvern::engine {
 namespace {
 
+
 // Reads of stored data from a file go through pieces of this size.
 constexpr DWORD kFilePiece = 65536;
 
@@ -165,8 +166,9 @@ bool ExpandStored(DWORD& error, const ProgressTarget& progress, const StoredData
       error = ERROR_OUTOFMEMORY;
       return false;
     }
-    CFileNotifyCRC stream(target, nullptr);
-    if (target == INVALID_HANDLE_VALUE) stream.SetNull();
+    CFileNotifyCRC written(target, nullptr);
+    DiscardStream discarded;
+    CFileNotifyCRC& stream = target == INVALID_HANDLE_VALUE ? discarded : written;
     stream.Target = &engine;
     ok = engine.Decode(&stream, &bits, &e) != FALSE;
     sum = stream.Crc;
@@ -179,11 +181,10 @@ bool ExpandStored(DWORD& error, const ProgressTarget& progress, const StoredData
     }
     CFileCRC source;
     SetSource(source, data);
-    CFileIO output;
-    if (target == INVALID_HANDLE_VALUE)
-      output.SetNull();
-    else
-      output.SetFile(target);
+    CFileIO written;
+    written.SetFile(target);
+    DiscardStream discarded;
+    CFileIO& output = target == INVALID_HANDLE_VALUE ? static_cast<CFileIO&>(discarded) : written;
     ok = CopyStream(source, output, piece.get(), kFilePiece, e) != FALSE;
     sum = source.Crc;
     count = output.Position;

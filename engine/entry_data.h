@@ -4,6 +4,8 @@
 // and for compression away from the host's thread.
 #pragma once
 
+#include "engine/lz_engine.h"
+
 #include <talvern/archive.h>
 
 #include <cstdint>
@@ -66,6 +68,21 @@ bool CompressToFile(DWORD& error, HANDLE source, std::uint64_t size, HANDLE targ
 // refused one: the calls that would have followed the refusal are left
 // out, as the engine leaves them out, except its closing one.
 bool ReplayCompressProgress(const ProgressTarget& target, const std::vector<DWORD>& reads);
+
+// Where data decoded for testing goes: nowhere. Only its count, its CRC and
+// the progress calls matter, so unlike a stream in null mode, whose
+// positions are 32-bit addresses, it takes entries of any size.
+class DiscardStream : public CFileNotifyCRC {
+public:
+  DiscardStream() : CFileNotifyCRC(INVALID_HANDLE_VALUE, nullptr) { SetNull(); }
+  DWORD Write(const void* buffer, DWORD count) override {
+    UpdateCrc(buffer, count);
+    if (Position.Add(CArchiveSize(count))) LatchError(ERROR_SEEK_ON_DEVICE);
+    Remaining.Sub(CArchiveSize(count));
+    if (Target != nullptr) Target->WriteNotify(count);
+    return count;
+  }
+};
 
 // Where stored data comes from: a memory block, or an open file at its
 // current position with `size` bytes to read.

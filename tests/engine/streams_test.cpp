@@ -1,5 +1,6 @@
 // Byte streams and the CRC-32: transfer limits, modes, latched errors, and
 // the CRC over every path (table, eight-byte steps, continuation).
+#include "engine/entry_data.h"
 #include "engine/streams.h"
 
 #include <gtest/gtest.h>
@@ -153,6 +154,17 @@ TEST(FileIO, OffsetsBeyond32BitsLatch132ButStillCount) {
   EXPECT_EQ(4u, null.Read(buffer, 4));
   EXPECT_EQ(ERROR_SEEK_ON_DEVICE, null.Error);
   EXPECT_EQ(2u, null.Position.GetValue()); // wrapped past 2^64
+}
+
+TEST(FileIO, DataDecodedForTestingHasNo32BitLimit) {
+  // Testing an entry of more than 4 GiB passes positions beyond 32 bits.
+  talvern::engine::DiscardStream s;
+  s.Position = 0xFFFFFFF0u;
+  const BYTE data[32] = {'a'};
+  EXPECT_EQ(32u, s.Write(data, 32));
+  EXPECT_FALSE(s.HasError());
+  EXPECT_EQ(0x100000010ull, s.Position.GetValue());
+  EXPECT_EQ(talvern::engine::Crc32Update(0, data, 32), s.Crc);
 }
 
 TEST(FileIO, FirstErrorWins) {
