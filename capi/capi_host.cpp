@@ -90,7 +90,21 @@ CString Join(const WCHAR* base, const WCHAR* folder, const WCHAR* name) {
 
 } // namespace
 
-CString ToLibrary(const char* path) { return HostPathToWindows(path ? path : ""); }
+CString ToLibrary(const char* path) {
+  const std::string text = path ? path : "";
+  // "X:..." and "\\server\share..." are library paths already: drives
+  // and shares the platform layer maps (simulated removable media among
+  // them) are reached through them.
+  const bool drive =
+      text.size() >= 2 && ((text[0] | 0x20) >= 'a' && (text[0] | 0x20) <= 'z') && text[1] == ':';
+  const bool share = text.size() >= 2 && (text[0] == '\\' || text[0] == '/') &&
+                     (text[1] == '\\' || text[1] == '/') && text.rfind("//", 0) != 0;
+  if (!drive && !share) return HostPathToWindows(text);
+  CString library = FromUtf8(text);
+  for (WCHAR& c : library)
+    if (c == u'/') c = u'\\';
+  return library;
+}
 
 std::string ToHost(const WCHAR* path) {
   if (path == nullptr || *path == 0) return std::string();
@@ -266,7 +280,9 @@ int Host::IsMatchExpandFile(const CArchiveEntry& entry, CSrchFlags srch, CAttrFl
 
 int Host::AskVolume(const WCHAR* root, DWORD diskNo, int forWriting, int wrong) {
   if (callbacks_.next_volume == nullptr) return Answer(0);
-  const std::string rootText = ToHost(root);
+  // The drive's root as the library names it ("A:\\"): on a simulated
+  // drive its host folder is only that of the medium in it.
+  const std::string rootText = ToUtf8(root ? root : WTEXT(""));
   return Answer(
       callbacks_.next_volume(callbacks_.user, rootText.c_str(), diskNo, forWriting, wrong));
 }

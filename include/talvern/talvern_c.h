@@ -9,8 +9,9 @@
  *   exists), 1223 (cancelled by a callback), 1804 (not an archive of this
  *   format). talvern_strerror() turns a code into a sentence.
  * - Paths and names are UTF-8. Paths are the system's own ("/home/me/x",
- *   "C:\\Users\\me\\x"); names inside an archive use '/' between folders
- *   ("docs/readme.txt").
+ *   "C:\\Users\\me\\x"; elsewhere "A:\\x" and "\\\\server\\share\\x" reach the
+ *   drives and shares the platform layer maps); names inside an archive
+ *   use '/' between folders ("docs/readme.txt").
  * - Handles are opaque. Whatever the library allocates for the caller is
  *   released with the matching function (talvern_close, talvern_free,
  *   talvern_file_close). No C++ exception crosses this interface.
@@ -78,9 +79,9 @@ typedef struct talvern_callbacks {
    * folder that exists: it is used as it is. */
   int (*overwrite)(void* user, const char* path, const talvern_entry* entry);
   /* Removable media: disk number `disk` (counted from 1) of the archive is
-   * needed in the drive whose root is `root`, for writing or for reading;
-   * `wrong_medium` is non-zero when the medium there was tried and is not
-   * the right one. Return non-zero once it is in place, 0 to cancel. NULL:
+   * needed in the drive whose root is `root` ("A:\\"), for writing or
+   * for reading; `wrong_medium` is non-zero when the medium there was
+   * tried and is not the right one. Return non-zero once it is in place, 0 to cancel. NULL:
    * cancel. Numbered volumes in one folder never ask. */
   int (*next_volume)(void* user, const char* root, uint32_t disk, int for_writing,
                      int wrong_medium);

@@ -4,6 +4,8 @@
 
 #include "support/test_support.h"
 
+#include <talvern/platform.h>
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -273,3 +275,53 @@ TEST(CApi, NumberedVolumes) {
 }
 
 } // namespace
+
+// A removable drive whose media the next_volume callback changes: an
+// archive spans three disks and is read back; the callback hears the
+// drive's root and each disk as it is needed.
+TEST(CApi, NextVolumeOnRemovableMedia) {
+  TempDir dir;
+  test::WriteFile(dir.Host("tree/big.bin"), test::RandomBytes(90000, 3));
+  std::vector<talvern::MediumSpec> media(3);
+  for (std::size_t i = 0; i < media.size(); ++i) {
+    media[i].HostDir = dir.Host("m" + std::to_string(i + 1));
+    media[i].Serial = 0x100 + static_cast<DWORD>(i);
+    media[i].Capacity = 40 * 1024;
+  }
+  ASSERT_TRUE(talvern::MountDrive(u'A', DRIVE_REMOVABLE, 512, &media[0]));
+  struct Asked {
+    std::vector<talvern::MediumSpec>* media;
+    std::vector<std::string> calls;
+  } asked{&media, {}};
+  talvern_callbacks callbacks{};
+  callbacks.size = sizeof callbacks;
+  callbacks.user = &asked;
+  callbacks.next_volume = [](void* user, const char* root, uint32_t disk, int writing, int wrong) {
+    auto* a = static_cast<Asked*>(user);
+    a->calls.push_back(std::string(root) + std::to_string(disk) + (writing ? "w" : "r") +
+                       (wrong ? "!" : ""));
+    return disk <= a->media->size() && talvern::InsertMedium(u'A', &(*a->media)[disk - 1]) ? 1 : 0;
+  };
+  ASSERT_EQ(0u, talvern_create("A:\\BACKUP.ARC", dir.Host("tree").c_str(), 0, 0, &callbacks));
+  EXPECT_EQ((std::vector<std::string>{"A:\\2w", "A:\\3w"}), asked.calls);
+  asked.calls.clear();
+  ASSERT_TRUE(talvern::InsertMedium(u'A', &media[0]));
+  talvern_archive* raw = nullptr;
+  ASSERT_EQ(0u, talvern_open("A:/BACKUP.ARC", &callbacks, &raw));
+  Archive archive(raw);
+  void* data = nullptr;
+  size_t size = 0;
+  ASSERT_EQ(0u, talvern_read(archive.get(), "big.bin", &data, &size));
+  EXPECT_EQ(test::RandomBytes(90000, 3),
+            std::vector<std::uint8_t>(static_cast<std::uint8_t*>(data),
+                                      static_cast<std::uint8_t*>(data) + size));
+  talvern_free(data);
+  // Opening reads the list over disks 2 and 3; reading starts again at 1.
+  EXPECT_EQ((std::vector<std::string>{"A:\\2r", "A:\\3r", "A:\\1r", "A:\\2r", "A:\\3r"}),
+            asked.calls);
+  // Without a callback the library's answer is to cancel.
+  ASSERT_TRUE(talvern::InsertMedium(u'A', &media[0]));
+  talvern_set_callbacks(archive.get(), nullptr);
+  EXPECT_EQ(1223u, talvern_test(archive.get()));
+  talvern::UnmountDrive(u'A');
+}
