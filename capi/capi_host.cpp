@@ -309,11 +309,14 @@ int Host::StartItem(const CArchiveEntry& entry, const std::string& name) {
   itemKey_ = EntryKey(entry.Path, entry.FindData.cFileName);
   itemSize_ = IsDirectory(entry) ? 0 : EntrySize(entry);
   itemDone_ = 0;
-  return Report(0);
+  return Report(0, true);
 }
 
-int Host::Report(std::uint64_t done) {
+int Host::Report(std::uint64_t done, bool first) {
   done = std::min(std::max(done, itemDone_), itemSize_);
+  // The host hears each new value once: the library's passes report the
+  // same bytes more than once.
+  if (!first && done == itemDone_) return 1;
   itemDone_ = done;
   if (callbacks_.progress == nullptr) return 1;
   // The job's total is what was counted before it started; a file that

@@ -98,8 +98,9 @@ protected:
 private:
   // Starts reporting a new item (finishing the one before).
   int StartItem(const CArchiveEntry& entry, const std::string& name);
-  // Reports the current item at `done` bytes; 0 when the host cancels.
-  int Report(std::uint64_t done);
+  // Reports the current item at `done` bytes (once for each new value,
+  // and always when it starts); 0 when the host cancels.
+  int Report(std::uint64_t done, bool first = false);
   int Answer(int goOn);
   int AskVolume(const WCHAR* root, DWORD diskNo, int forWriting, int wrong);
 
