@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <new>
 #include <random>
@@ -28,7 +27,8 @@ namespace {
 // One entry of an open archive: the C view and the strings it points to.
 struct EntryRecord {
   std::string path, name, folder;
-  CString key;
+  CString relative; // "FOLDER\NAME" as stored
+  CString key;      // the same, upper-cased
   bool isDirectory = false;
   talvern_entry view{};
 };
@@ -48,8 +48,19 @@ std::uint64_t TimeValue(const FILETIME& time) {
   return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
 }
 
-std::filesystem::path FsPath(const std::string& utf8) {
-  return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
+// Creates a folder with every missing level above it.
+DWORD CreateFolders(const Host& host, const CString& full) {
+  const std::size_t start = host.GetRootPath(full.c_str()).size();
+  for (std::size_t at = full.find(u'\\', start);; at = full.find(u'\\', at + 1)) {
+    const CString level = full.substr(0, at);
+    if (!CreateDirectoryW(level.c_str(), nullptr)) {
+      const DWORD code = GetLastError();
+      const DWORD attributes = GetFileAttributesW(level.c_str());
+      if (attributes == INVALID_FILE_ATTRIBUTES) return code != 0 ? code : ERROR_PATH_NOT_FOUND;
+      if (!(attributes & FILE_ATTRIBUTE_DIRECTORY)) return ERROR_DIRECTORY;
+    }
+    if (at == CString::npos) return 0;
+  }
 }
 
 // A library path made absolute; empty (with the last error) when the host
@@ -207,6 +218,8 @@ DWORD talvern_archive::ReadEntries() {
       record.path = talvern::capi::EntryName(entry.Path, entry.FindData.cFileName);
       record.name = talvern::ToUtf8(entry.FindData.cFileName);
       record.folder = talvern::capi::EntryName(CString(), entry.Path.c_str());
+      record.relative = entry.Path.empty() ? CString() : entry.Path + u'\\';
+      record.relative += entry.FindData.cFileName;
       record.key = talvern::capi::EntryKey(entry.Path, entry.FindData.cFileName);
       record.isDirectory = talvern::capi::IsDirectory(entry);
       talvern_entry& v = record.view;
@@ -411,10 +424,9 @@ uint32_t talvern_extract(talvern_archive* archive, const char* target, const cha
         }
       }
     }
-    std::error_code error;
-    std::filesystem::create_directories(FsPath(target), error);
     const CString full = FullPath(archive->host, target);
     if (full.empty()) return LastErrorOr(ERROR_PATH_NOT_FOUND);
+    if (const DWORD code = CreateFolders(archive->host, full)) return code;
     CArchiveFile::CAttrFlags attr = static_cast<CArchiveFile::CAttrFlags>(0);
     if (flags & TALVERN_EXTRACT_FLAT) attr = attr | CArchiveFile::AttrNoPath;
     if (flags & TALVERN_EXTRACT_NO_TIMES) attr = attr | CArchiveFile::AttrNoTimes;
@@ -448,19 +460,26 @@ uint32_t talvern_read(talvern_archive* archive, const char* path, void** data, s
     selected[index] = true;
     if (const DWORD code = archive->Expand(target, selected, false, CArchiveFile::AttrNoTimes))
       return code;
-    CString output = target;
-    for (const WCHAR c : talvern::FromUtf8(record.path)) output += c == u'/' ? u'\\' : c;
-    output.insert(target.size(), 1, u'\\');
-    std::ifstream in(FsPath(talvern::capi::ToHost(output)), std::ios::binary);
-    if (!in) return ERROR_FILE_NOT_FOUND;
+    const CString output = target + u'\\' + record.relative;
+    const HANDLE file = CreateFileW(output.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return LastErrorOr(ERROR_FILE_NOT_FOUND);
     const std::uint64_t bytes = record.view.size;
-    if (bytes > SIZE_MAX - 1) return ERROR_NOT_ENOUGH_MEMORY;
-    void* block = std::malloc(static_cast<std::size_t>(bytes) + 1);
-    if (block == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    in.read(static_cast<char*>(block), static_cast<std::streamsize>(bytes));
-    if (static_cast<std::uint64_t>(in.gcount()) != bytes) {
+    void* block = bytes < SIZE_MAX ? std::malloc(static_cast<std::size_t>(bytes) + 1) : nullptr;
+    DWORD code = block == nullptr ? ERROR_NOT_ENOUGH_MEMORY : 0;
+    for (std::uint64_t done = 0; code == 0 && done < bytes;) {
+      const DWORD chunk = static_cast<DWORD>(std::min<std::uint64_t>(bytes - done, 1u << 30));
+      DWORD read = 0;
+      if (!ReadFile(file, static_cast<char*>(block) + done, chunk, &read, nullptr))
+        code = LastErrorOr(ERROR_READ_FAULT);
+      else if (read == 0)
+        code = ERROR_READ_FAULT;
+      done += read;
+    }
+    CloseHandle(file);
+    if (code != 0) {
       std::free(block);
-      return ERROR_READ_FAULT;
+      return code;
     }
     *data = block;
     *size = static_cast<std::size_t>(bytes);
