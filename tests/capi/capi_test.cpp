@@ -325,3 +325,28 @@ TEST(CApi, NextVolumeOnRemovableMedia) {
   EXPECT_EQ(1223u, talvern_test(archive.get()));
   talvern::UnmountDrive(u'A');
 }
+
+// The file forms of the one-shot functions: a block written to a file,
+// expanded from it into another file, and read back into memory.
+TEST(CApi, OneShotFiles) {
+  TempDir dir;
+  const std::vector<std::uint8_t> data = test::ReadFile(test::CorpusFiles().at(0));
+  const auto size = static_cast<uint32_t>(data.size());
+  const std::string blockPath = dir.Host("block"), plainPath = dir.Host("plain");
+  talvern_file* block = nullptr;
+  talvern_file* plain = nullptr;
+  uint32_t packed = 0, expanded = 0;
+  ASSERT_EQ(0u, talvern_file_open(blockPath.c_str(), TALVERN_FILE_WRITE, &block));
+  ASSERT_EQ(0u, talvern_compress_mem_to_file(data.data(), size, block, size + 16, 1, &packed));
+  ASSERT_EQ(0u, talvern_file_open(plainPath.c_str(), TALVERN_FILE_WRITE, &plain));
+  ASSERT_EQ(0u, talvern_expand_file_to_file(block, packed, plain, size, &expanded));
+  EXPECT_EQ(size, expanded);
+  std::vector<std::uint8_t> back(size);
+  EXPECT_EQ(0u, talvern_expand_file_to_mem(block, packed, back.data(), size, &expanded));
+  EXPECT_EQ(data, back);
+  EXPECT_EQ(0u, talvern_file_close(block));
+  EXPECT_EQ(0u, talvern_file_close(plain));
+  EXPECT_EQ(data, test::ReadFile(plainPath));
+  EXPECT_LT(packed, size);
+  EXPECT_EQ(2u, talvern_file_open(dir.Host("none").c_str(), TALVERN_FILE_READ, &block));
+}
