@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -104,6 +106,14 @@ TEST(CApi, ErrorCodes) {
       {"callbacks of an older size",
        [&] { return talvern_create(dir.Host("n.arc").c_str(), tree.c_str(), 0, 0, &tooSmall); },
        87},
+      {"create a set over a set",
+       [&] {
+         test::WriteFile(dir.Host("s.000"), "");
+         return talvern_create(dir.Host("s.arc").c_str(), tree.c_str(), 4096, 0, nullptr);
+       },
+       80},
+      {"select without a list",
+       [&] { return talvern_extract(open.get(), dir.Host("x").c_str(), nullptr, 1, 0); }, 87},
       {"entry index out of range", [&] { return talvern_entry_at(open.get(), 99, &entry); }, 87},
       {"find a missing name", [&] { return talvern_find(open.get(), "sub/none", &entry); }, 2},
       {"pattern that matches nothing",
@@ -134,6 +144,45 @@ TEST(CApi, ErrorCodes) {
   EXPECT_EQ(23u, talvern_expand_mem_to_mem(block, produced, back, 8, &produced));
   EXPECT_EQ(0u, produced);
   EXPECT_STRNE(talvern_strerror(23), talvern_strerror(1223));
+}
+
+// What patterns select: names or whole paths, sets, folders with what lies
+// below them; nothing else is created, not even a folder.
+TEST(CApi, SelectionPatterns) {
+  TempDir dir;
+  const std::string archive = MakeArchive(dir);
+  test::WriteFile(dir.Host("tree/[x].txt"), "x");
+  ASSERT_EQ(0u, talvern_add(archive.c_str(),
+                            std::vector<const char*>{dir.Host("tree/[x].txt").c_str()}.data(), 1, 0,
+                            nullptr));
+  const struct {
+    const char* pattern;
+    std::vector<std::string> made;
+  } cases[] = {
+      {"*.TXT", {"[x].txt", "a.txt", "sub", "sub/b.txt"}},
+      {"sub/*", {"sub", "sub/b.txt", "sub/c.bin"}},
+      {"[a-b].*", {"a.txt", "sub", "sub/b.txt"}},
+      {"[!a-s]*", {"[x].txt"}},
+      {"?.bin", {"sub", "sub/c.bin"}},
+      {"**/c.bin", {"sub", "sub/c.bin"}},
+      {"[x].txt", {}},
+      {"[x", {}},
+      {"[[]x].txt", {"[x].txt"}},
+      {"a.txt", {"a.txt"}},
+      {"Sub", {"sub", "sub/b.txt", "sub/c.bin"}},
+  };
+  Archive a = Open(archive);
+  for (const auto& c : cases) {
+    TempDir out;
+    const char* select[] = {c.pattern};
+    const uint32_t code = talvern_extract(a.get(), out.Host().c_str(), select, 1, 0);
+    EXPECT_EQ(c.made.empty() ? 2u : 0u, code) << c.pattern;
+    std::vector<std::string> made;
+    for (const auto& item : std::filesystem::recursive_directory_iterator(out.Host()))
+      made.push_back(std::filesystem::relative(item.path(), out.Host()).generic_string());
+    std::sort(made.begin(), made.end());
+    EXPECT_EQ(c.made, made) << c.pattern;
+  }
 }
 
 TEST(CApi, DamagedFileFailsTestWithItsName) {
@@ -186,6 +235,7 @@ TEST(CApi, CancelledJobs) {
     }
   }
   EXPECT_FALSE(test::Exists(fresh));
+  EXPECT_FALSE(test::Exists(dir.Host("fresh.000")));
 }
 
 TEST(CApi, OverwriteAnswers) {
