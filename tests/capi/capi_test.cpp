@@ -152,9 +152,9 @@ TEST(CApi, SelectionPatterns) {
   TempDir dir;
   const std::string archive = MakeArchive(dir);
   test::WriteFile(dir.Host("tree/[x].txt"), "x");
-  ASSERT_EQ(0u, talvern_add(archive.c_str(),
-                            std::vector<const char*>{dir.Host("tree/[x].txt").c_str()}.data(), 1, 0,
-                            nullptr));
+  const std::string extra = dir.Host("tree/[x].txt");
+  const char* extraList[] = {extra.c_str()};
+  ASSERT_EQ(0u, talvern_add(archive.c_str(), extraList, 1, 0, nullptr));
   const struct {
     const char* pattern;
     std::vector<std::string> made;
