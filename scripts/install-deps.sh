@@ -18,6 +18,9 @@ command -v pkg-config >/dev/null 2>&1 || missing+=(pkg-config)
 [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
 [ -f /usr/include/gmock/gmock.h ] || missing+=(libgmock-dev)
 [ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
+command -v python3 >/dev/null 2>&1 || missing+=(python3)
+/usr/bin/python3 -c 'import pytest' >/dev/null 2>&1 || missing+=(python3-pytest)
+/usr/bin/python3 -m pip --version >/dev/null 2>&1 || missing+=(python3-pip)
 if [ "$want_fuzz" = 1 ]; then
   command -v clang++ >/dev/null 2>&1 || missing+=(clang)
   ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 ||

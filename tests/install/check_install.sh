@@ -23,3 +23,18 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 c++ -o "$work/pc-consumer" "$source_dir/tests/install/consumer/main.cpp" \
   $(pkg-config --cflags --libs talvern)
 LD_LIBRARY_PATH=$libdir "$work/pc-consumer"
+
+echo "== C99 consumer of talvern_c.h through pkg-config"
+cat > "$work/c-consumer.c" <<'C'
+#include <talvern/talvern_c.h>
+#include <stdio.h>
+int main(void) {
+  uint32_t size = 0;
+  printf("talvern %s\n", talvern_version());
+  return talvern_compress_mem_to_mem("abc", 3, NULL, 0xFFFFFFFFu, 1, &size) == 0 && size > 16 ? 0 : 1;
+}
+C
+# shellcheck disable=SC2046
+cc -std=c99 -Wall -Werror -o "$work/c-consumer" "$work/c-consumer.c" \
+  $(pkg-config --cflags-only-I --libs talvern)
+LD_LIBRARY_PATH=$libdir "$work/c-consumer"
