@@ -1,14 +1,17 @@
 #!/usr/bin/env bash
 # Installs what building and testing talvern needs, when it is missing:
 # a C++20 compiler, CMake, make, pkg-config, GoogleTest and Google Benchmark
-# (and clang with its sanitizer runtimes for `make fuzz`, and gzip, zstd and
-# lz4, python3 and GNU time for `make bench` and `make bench-tree`).
+# (and clang for `make release-builds`, clang with its sanitizer runtimes
+# for `make fuzz`, and gzip, zstd and lz4, python3 and GNU time for
+# `make bench` and `make bench-tree`).
 set -euo pipefail
 
 want_fuzz=0
 want_bench=0
+want_clang=0
 [ "${1:-}" = "--fuzz" ] && want_fuzz=1
 [ "${1:-}" = "--bench" ] && want_bench=1
+[ "${1:-}" = "--clang" ] && want_clang=1
 
 missing=()
 command -v cmake >/dev/null 2>&1 || missing+=(cmake)
@@ -18,8 +21,10 @@ command -v pkg-config >/dev/null 2>&1 || missing+=(pkg-config)
 [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
 [ -f /usr/include/gmock/gmock.h ] || missing+=(libgmock-dev)
 [ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
-if [ "$want_fuzz" = 1 ]; then
+if [ "$want_fuzz" = 1 ] || [ "$want_clang" = 1 ]; then
   command -v clang++ >/dev/null 2>&1 || missing+=(clang)
+fi
+if [ "$want_fuzz" = 1 ]; then
   ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 ||
     missing+=(libclang-rt-dev)
 fi
