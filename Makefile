@@ -12,8 +12,9 @@ CMAKE_FLAGS ?=
 # turns that off for one run.
 WERROR     ?= ON
 RELEASE_BUILD ?= build-release
+WINDOWS_BUILD ?= build-windows
 
-.PHONY: all deps build demo test test-release test-asan release-builds fuzz bench bench-tree install-check format clean
+.PHONY: all deps build demo test test-release test-asan release-builds windows test-windows fuzz bench bench-tree install-check format clean
 
 all: build
 
@@ -53,6 +54,19 @@ release-builds:
 	  $(RELEASE_BUILD)-$$cxx/tools/talvern --version || exit 1; \
 	done
 
+# The Windows build, cross-compiled with MinGW-w64: libtalvern.dll with its
+# import library, talvern.exe and the test programs, in $(WINDOWS_BUILD)/bin.
+windows:
+	@scripts/install-deps.sh --windows
+	cmake -S . -B $(WINDOWS_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
+	  -DCMAKE_BUILD_TYPE=Release -DTALVERN_WERROR=$(WERROR) -DTALVERN_BUILD_BENCH=OFF \
+	  $(CMAKE_FLAGS)
+	cmake --build $(WINDOWS_BUILD) -j$(JOBS)
+
+# Its tests under Wine (own Wine prefix in the build folder, no display).
+test-windows: windows
+	@scripts/test-windows.sh $(WINDOWS_BUILD) $(JOBS)
+
 fuzz:
 	@scripts/install-deps.sh --fuzz
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_WERROR=$(WERROR) \
@@ -83,4 +97,4 @@ format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(RELEASE_BUILD)-g++ $(RELEASE_BUILD)-clang++
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(RELEASE_BUILD)-g++ $(RELEASE_BUILD)-clang++ $(WINDOWS_BUILD)
