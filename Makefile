@@ -63,9 +63,10 @@ windows:
 	  $(CMAKE_FLAGS)
 	cmake --build $(WINDOWS_BUILD) -j$(JOBS)
 
-# Its tests under Wine (own Wine prefix in the build folder, no display).
-test-windows: windows
-	@scripts/test-windows.sh $(WINDOWS_BUILD) $(JOBS)
+# Its tests under Wine (own Wine prefix in the build folder, no display),
+# then archives carried between the Windows and the Linux tool.
+test-windows: windows build
+	@scripts/test-windows.sh $(WINDOWS_BUILD) $(JOBS) $(abspath $(BUILD))/tools/talvern
 
 fuzz:
 	@scripts/install-deps.sh --fuzz
