@@ -242,7 +242,7 @@ bool Expand(const std::vector<std::uint8_t>& stored, const CArchiveEntry& entry,
   return ok != 0;
 }
 
-void SetName(CArchiveEntry& entry, const std::u16string& name) {
+void SetName(CArchiveEntry& entry, const CString& name) {
   std::fill(std::begin(entry.FindData.cFileName), std::end(entry.FindData.cFileName), u'\0');
   std::copy(name.begin(), name.end(), entry.FindData.cFileName);
 }
