@@ -1,6 +1,9 @@
 # Entry points for people and CI. `make demo` builds everything and runs the
-# main job on the built-in sample; `make test` builds and runs every test in
-# a normal build and under AddressSanitizer + UndefinedBehaviorSanitizer.
+# main job on the built-in sample; `make test` (what CI runs) builds and runs
+# every test in a normal build and under AddressSanitizer +
+# UndefinedBehaviorSanitizer, then makes Release builds of the library and
+# the tool with GCC and Clang. `make test-windows` (the MinGW-w64 build under
+# Wine) is separate: with it CI would pass its time on two cores.
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
