@@ -3,7 +3,7 @@
 # every test in a normal build and under AddressSanitizer +
 # UndefinedBehaviorSanitizer, then makes Release builds of the library and
 # the tool with GCC and Clang. `make test-windows` (the MinGW-w64 build under
-# Wine, about 8 minutes on a busy two-core machine) is not part of it, to
+# Wine, about 7 minutes on a busy two-core machine) is not part of it, to
 # keep CI within its time.
 
 BUILD      ?= build
