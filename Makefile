@@ -1,6 +1,10 @@
 # Entry points for people and CI. `make demo` builds everything and runs the
-# main job on the built-in sample; `make test` builds and runs every test in
-# a normal build and under AddressSanitizer + UndefinedBehaviorSanitizer.
+# main job on the built-in sample; `make test` (what CI runs) builds and runs
+# every test in a normal build and under AddressSanitizer +
+# UndefinedBehaviorSanitizer, then makes Release builds of the library and
+# the tool with GCC and Clang. `make test-windows` (the MinGW-w64 build under
+# Wine, about 7 minutes on a busy two-core machine) is not part of it, to
+# keep CI within its time.
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
@@ -8,8 +12,13 @@ FUZZ_BUILD ?= build-fuzz
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS ?=
+# Warnings are errors in every build made here (and so in CI); WERROR=OFF
+# turns that off for one run.
+WERROR     ?= ON
+RELEASE_BUILD ?= build-release
+WINDOWS_BUILD ?= build-windows
 
-.PHONY: all deps build demo test test-release test-asan fuzz bench bench-parallel bench-tree install-check format clean
+.PHONY: all deps build demo test test-release test-asan release-builds windows test-windows fuzz bench bench-parallel bench-tree install-check format clean
 
 all: build
 
@@ -17,28 +26,55 @@ deps:
 	@scripts/install-deps.sh
 
 build: deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_WERROR=$(WERROR) $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS)
 
 demo: build
 	@scripts/demo.sh $(BUILD)
 
-test: test-release test-asan
+test: test-release test-asan release-builds
 
 test-release: build
 	cd $(BUILD) && ctest -j$(JOBS) --output-on-failure --no-tests=error
 
 test-asan: deps
-	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTALVERN_SANITIZE=ON \
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DTALVERN_SANITIZE=ON -DTALVERN_WERROR=$(WERROR) \
 	  -DTALVERN_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 	cmake --build $(ASAN_BUILD) -j$(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest -j$(JOBS) --output-on-failure --no-tests=error
 
+# What a packager builds: the library and the tool in a Release build (-O3),
+# once with GCC and once with Clang, warnings as errors, no tests.
+release-builds:
+	@scripts/install-deps.sh --clang
+	@for cxx in g++ clang++; do \
+	  echo "== Release build with $$cxx"; \
+	  CXX=$$cxx cmake -S . -B $(RELEASE_BUILD)-$$cxx -DCMAKE_BUILD_TYPE=Release \
+	    -DTALVERN_WERROR=$(WERROR) -DTALVERN_BUILD_TESTS=OFF -DTALVERN_BUILD_BENCH=OFF \
+	    $(CMAKE_FLAGS) >/dev/null && \
+	  cmake --build $(RELEASE_BUILD)-$$cxx -j$(JOBS) && \
+	  $(RELEASE_BUILD)-$$cxx/tools/talvern --version || exit 1; \
+	done
+
+# The Windows build, cross-compiled with MinGW-w64: libtalvern.dll with its
+# import library, talvern.exe and the test programs, in $(WINDOWS_BUILD)/bin.
+windows:
+	@scripts/install-deps.sh --windows
+	cmake -S . -B $(WINDOWS_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_WERROR=$(WERROR) -DTALVERN_BUILD_BENCH=OFF \
+	  $(CMAKE_FLAGS)
+	cmake --build $(WINDOWS_BUILD) -j$(JOBS)
+
+# Its tests under Wine (own Wine prefix in the build folder, no display),
+# then archives carried between the Windows and the Linux tool.
+test-windows: windows build
+	@scripts/test-windows.sh $(WINDOWS_BUILD) $(JOBS) $(abspath $(BUILD))/tools/talvern
+
 fuzz:
 	@scripts/install-deps.sh --fuzz
-	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_WERROR=$(WERROR) \
 	  -DTALVERN_BUILD_FUZZ=ON -DTALVERN_BUILD_TESTS=ON -DTALVERN_BUILD_BENCH=OFF \
 	  -DTALVERN_BUILD_TOOLS=OFF
 	cmake --build $(FUZZ_BUILD) -j$(JOBS)
@@ -48,7 +84,8 @@ fuzz:
 # without them (-DTALVERN_BUILD_BENCH=OFF) still gets them here.
 bench:
 	@scripts/install-deps.sh --bench
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_BUILD_BENCH=ON \
+	  -DTALVERN_WERROR=$(WERROR) $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS)
 	@scripts/bench.sh $(BUILD)
 
@@ -73,4 +110,4 @@ format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(RELEASE_BUILD)-g++ $(RELEASE_BUILD)-clang++ $(WINDOWS_BUILD)

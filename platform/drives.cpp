@@ -375,7 +375,9 @@ bool Resolve(const WCHAR* windowsPath, ResolvedPath& out) {
     }
     i = next + 1;
   }
-  if (host.empty()) host = "/";
+  // Appended rather than assigned: GCC 12 at -O2/-O3 reports a false
+  // -Wrestrict overlap for `host = "/"` here (its inlined replace path).
+  if (host.empty()) host.push_back('/');
   if (host.size() >= PATH_MAX) return Fail(ERROR_FILENAME_EXCED_RANGE);
   out.isRoot = !any;
   out.host = std::move(host);

@@ -1,14 +1,20 @@
 #!/usr/bin/env bash
 # Installs what building and testing talvern needs, when it is missing:
 # a C++20 compiler, CMake, make, pkg-config, GoogleTest and Google Benchmark
-# (and clang with its sanitizer runtimes for `make fuzz`, and gzip, zstd and
-# lz4, python3 and GNU time for `make bench` and `make bench-tree`).
+# (and clang for `make release-builds`, clang with its sanitizer runtimes
+# for `make fuzz`, MinGW-w64, GoogleTest's sources and Wine for
+# `make windows` and `make test-windows`, and gzip, zstd and lz4, python3
+# and GNU time for `make bench` and `make bench-tree`).
 set -euo pipefail
 
 want_fuzz=0
 want_bench=0
+want_clang=0
+want_windows=0
 [ "${1:-}" = "--fuzz" ] && want_fuzz=1
 [ "${1:-}" = "--bench" ] && want_bench=1
+[ "${1:-}" = "--clang" ] && want_clang=1
+[ "${1:-}" = "--windows" ] && want_windows=1
 
 missing=()
 command -v cmake >/dev/null 2>&1 || missing+=(cmake)
@@ -21,10 +27,19 @@ command -v pkg-config >/dev/null 2>&1 || missing+=(pkg-config)
 command -v python3 >/dev/null 2>&1 || missing+=(python3)
 /usr/bin/python3 -c 'import pytest' >/dev/null 2>&1 || missing+=(python3-pytest)
 /usr/bin/python3 -m pip --version >/dev/null 2>&1 || missing+=(python3-pip)
-if [ "$want_fuzz" = 1 ]; then
+if [ "$want_fuzz" = 1 ] || [ "$want_clang" = 1 ]; then
   command -v clang++ >/dev/null 2>&1 || missing+=(clang)
+fi
+if [ "$want_fuzz" = 1 ]; then
   ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 ||
     missing+=(libclang-rt-dev)
+fi
+
+if [ "$want_windows" = 1 ]; then
+  command -v x86_64-w64-mingw32-g++-posix >/dev/null 2>&1 || missing+=(mingw-w64)
+  [ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
+  [ -x /usr/lib/wine/wine64 ] || command -v wine64 >/dev/null 2>&1 || missing+=(wine64)
+  command -v wine >/dev/null 2>&1 || missing+=(wine)
 fi
 
 if [ "$want_bench" = 1 ]; then

@@ -10,7 +10,7 @@ namespace {
 
 std::string Hex8(DWORD value) {
   char text[16];
-  std::snprintf(text, sizeof text, "%08X", value);
+  std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(value));
   return text;
 }
 
@@ -54,7 +54,7 @@ std::string TextEntry(const CArchiveEntry& entry, DWORD volume, bool verbose) {
   if (verbose) {
     std::snprintf(line, sizeof line, "%-19s  %-19s  %3u  ",
                   TimeText(entry.FindData.ftCreationTime).c_str(),
-                  TimeText(entry.FindData.ftLastAccessTime).c_str(), volume);
+                  TimeText(entry.FindData.ftLastAccessTime).c_str(), static_cast<unsigned>(volume));
     text += line;
   }
   text += EntryPath(entry);

@@ -9,9 +9,37 @@
 #include <string>
 #include <vector>
 
+#if defined(_WIN32)
+#include <shellapi.h>
+#include <talvern/platform.h>
+#include <windows.h>
+#endif
+
+namespace {
+
+// The arguments as UTF-8. On Windows argv holds them in the ANSI code page,
+// which cannot spell every file name: they are taken from the wide command
+// line instead, and the console is switched to UTF-8 for what is printed.
+std::vector<std::string> Arguments(int argc, char** argv) {
+#if defined(_WIN32)
+  SetConsoleOutputCP(CP_UTF8);
+  int count = 0;
+  LPWSTR* wide = CommandLineToArgvW(GetCommandLineW(), &count);
+  if (wide != nullptr) {
+    std::vector<std::string> args;
+    for (int i = 1; i < count; ++i) args.push_back(talvern::ToUtf8(wide[i]));
+    LocalFree(wide);
+    return args;
+  }
+#endif
+  return std::vector<std::string>(argv + 1, argv + argc);
+}
+
+} // namespace
+
 int main(int argc, char** argv) {
   using namespace tool;
-  std::vector<std::string> args(argv + 1, argv + argc);
+  std::vector<std::string> args = Arguments(argc, argv);
   if (args.empty()) {
     std::fputs(GeneralHelp().c_str(), stderr);
     return kExitUsage;

@@ -11,7 +11,9 @@
 #include <filesystem>
 #include <memory>
 
+#if !defined(_WIN32)
 #include <unistd.h>
+#endif
 
 using namespace adding;
 using Srch = CArchiveFile::CSrchFlags;
@@ -30,13 +32,14 @@ void MountFixed(const TempDir& dir) {
 } // namespace
 
 TEST(AddingHooks, OrderAndCopyPiecesFollowTheClusters) {
+  TALVERN_NEEDS_SIMULATED_DRIVES();
   TempDir dir;
   MountFixed(dir);
   WriteFile(dir.Host("source/d/f.bin"), RandomBytes(300000, 3));
   const std::string source = N(dir.Win("source"));
 
   Host host;
-  ASSERT_EQ(host.FileName(u"F:\\out.arc", nullptr), 1);
+  ASSERT_EQ(host.FileName(WTEXT("F:\\out.arc"), nullptr), 1);
   ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
   // The record of f.bin starts at 20 + 74 and its data at 94 + 84 = 178:
   // the first piece reaches the next cluster boundary (4096), then whole
@@ -85,7 +88,7 @@ TEST(AddingHooks, NewArchiveClosesTheOpenVolumeFirst) {
     ASSERT_EQ(host.FileName(dir.Win("B.ARC").c_str(), &limit), 1);
     ASSERT_EQ(host.CreateOpen(1, 0), 1);
     CArchiveEntry entry;
-    SetName(entry, u"f.txt");
+    SetName(entry, WTEXT("f.txt"));
     ASSERT_EQ(host.Compress(dir.Win("source").c_str(), entry, Srch{}, kNoSecurity), 1);
     host.Calls.clear();
     ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
@@ -114,7 +117,7 @@ TEST(AddingHooks, RefusedStartCallsOnlyTheCompletion) {
     ASSERT_EQ(host.CreateOpen(1, 0), 1);
     host.OnStart = [] { return 0; };
     CArchiveEntry entry;
-    SetName(entry, u"f.txt");
+    SetName(entry, WTEXT("f.txt"));
     EXPECT_EQ(host.Compress(dir.Win("source").c_str(), entry, Srch{}, kNoSecurity), 0);
     EXPECT_EQ(host.Calls, (V{"start", "complete:0"}));
     EXPECT_EQ(host.GetErrorCode(), ERROR_CANCELLED);
@@ -216,7 +219,7 @@ TEST(AddingHooks, RefusalsOfTheTwoOperations) {
         nestedAll = host.GetErrorCode();
       host.ClearError();
       CArchiveEntry item;
-      SetName(item, u"f.txt");
+      SetName(item, WTEXT("f.txt"));
       if (host.Compress(dir.Win("source").c_str(), item, Srch{}, kNoSecurity) == 0)
         nestedOne = host.GetErrorCode();
       host.ClearError();
@@ -233,7 +236,7 @@ TEST(AddingHooks, RefusalsOfTheTwoOperations) {
   }
 
   CArchiveEntry entry;
-  SetName(entry, u"f.txt");
+  SetName(entry, WTEXT("f.txt"));
   {
     Host host; // nothing open
     ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
@@ -260,7 +263,7 @@ TEST(AddingHooks, RefusalsOfTheTwoOperations) {
     EXPECT_EQ(host.GetErrorCode(), ERROR_SEEK_ON_DEVICE);
     // A missing item.
     CArchiveEntry missing;
-    SetName(missing, u"nothing.txt");
+    SetName(missing, WTEXT("nothing.txt"));
     EXPECT_EQ(host.Compress(dir.Win("source").c_str(), missing, Srch{}, kNoSecurity), 0);
     EXPECT_EQ(host.GetErrorCode(), ERROR_FILE_NOT_FOUND);
     host.Close();
@@ -281,8 +284,8 @@ TEST(AddingSingle, ItemsAppendReplaceAndDescendWithThePathKept) {
   const CString base = dir.Win("base");
 
   CArchiveEntry entry;
-  entry.Path = u"sub";
-  SetName(entry, u"one.txt");
+  entry.Path = WTEXT("sub");
+  SetName(entry, WTEXT("one.txt"));
   ASSERT_EQ(host.Compress(base.c_str(), entry, Srch{}, kNoSecurity), 1);
   EXPECT_TRUE(host.IsOpen());
   EXPECT_FALSE(host.IsMediaChanged());
@@ -292,8 +295,8 @@ TEST(AddingSingle, ItemsAppendReplaceAndDescendWithThePathKept) {
 
   // A wildcard takes the first match; the host may ask for a method.
   CArchiveEntry wild;
-  wild.Path = u"sub";
-  SetName(wild, u"*.log");
+  wild.Path = WTEXT("sub");
+  SetName(wild, WTEXT("*.log"));
   wild.CompressType = 2; // not a method of this library: stored as it is
   ASSERT_EQ(host.Compress(base.c_str(), wild, Srch{}, kNoSecurity), 1);
   EXPECT_EQ(N(wild.FindData.cFileName), "two.log");
@@ -302,15 +305,15 @@ TEST(AddingSingle, ItemsAppendReplaceAndDescendWithThePathKept) {
   // A directory called "." (here the first match of ".*") adds nothing; a
   // real one comes with its subtree.
   CArchiveEntry dot;
-  SetName(dot, u".*");
-  dot.Path = u"tree";
+  SetName(dot, WTEXT(".*"));
+  dot.Path = WTEXT("tree");
   const std::uint64_t before = host.GetArchiveSize().GetValue();
   EXPECT_EQ(host.Compress(base.c_str(), dot, Srch{}, kNoSecurity), 1);
   EXPECT_EQ(host.GetArchiveSize().GetValue(), before);
 
   // Replacing from the second record on: two.log is dropped.
   CArchiveEntry tree;
-  SetName(tree, u"tree");
+  SetName(tree, WTEXT("tree"));
   tree.EntryOffset = secondAt;
   ASSERT_EQ(host.Compress(base.c_str(), tree, Srch{}, kNoSecurity), 1);
   EXPECT_TRUE(tree.Path.empty());
@@ -321,6 +324,9 @@ TEST(AddingSingle, ItemsAppendReplaceAndDescendWithThePathKept) {
   EXPECT_EQ(volume.Data(volume.Entries[0]), ReadFile(dir.Host("base/sub/one.txt")));
 }
 
+// The descriptor below names the Linux layer's user and group (uid and gid
+// as SIDs); on Windows the system's own descriptors apply.
+#if !defined(_WIN32)
 namespace {
 
 // A self-relative descriptor owned by this process's user and group, with a
@@ -339,6 +345,7 @@ std::vector<BYTE> KnownDescriptor() {
 } // namespace
 
 TEST(AddingSecurity, DescriptorTravelsByteForByteAndNeedsThePrivilege) {
+  TALVERN_NEEDS_SIMULATED_DRIVES();
   TempDir dir;
   talvern::SetPrivilegeHeld(SE_SECURITY_NAME, TRUE);
   const std::vector<BYTE> known = KnownDescriptor();
@@ -384,6 +391,7 @@ TEST(AddingSecurity, DescriptorTravelsByteForByteAndNeedsThePrivilege) {
   EXPECT_EQ(
       refused.CompressAll(dir.Win("source").c_str(), Srch{}, CArchiveFile::AttrToggleSecurity), 1);
 }
+#endif // !_WIN32
 
 TEST(AddingDecisions, TemporaryFolderTooLongForTheNameBuffer) {
   TempDir dir;
@@ -393,7 +401,7 @@ TEST(AddingDecisions, TemporaryFolderTooLongForTheNameBuffer) {
   WriteFile(dir.Host("source/f.txt"), "x");
 
   Host host;
-  CString name = u"left over";
+  CString name = WTEXT("left over");
   EXPECT_EQ(host.GetTempCompressFile(name, 0, nullptr), 0u);
   EXPECT_TRUE(name.empty());
   EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);

@@ -103,7 +103,7 @@ TEST(AddingSpanning, FileSplitOverThreeNumberedVolumes) {
   ASSERT_EQ(appender.FileName(dir.Win("set/BACKUP.000").c_str(), nullptr), 1);
   ASSERT_EQ(appender.WriteOpen(0, 0), 1);
   CArchiveEntry item;
-  SetName(item, u"big.bin");
+  SetName(item, WTEXT("big.bin"));
   EXPECT_EQ(appender.Compress(dir.Win("source").c_str(), item, Srch{}, kNoSecurity), 0);
   EXPECT_EQ(appender.GetErrorCode(), ERROR_ACCESS_DENIED);
 }
@@ -280,6 +280,7 @@ TEST(AddingSpanning, ForeignFilesAreNeverOverwritten) {
 }
 
 TEST(AddingSpanning, FullFixedDiskWithoutLimitEndsWithDiskFull) {
+  TALVERN_NEEDS_SIMULATED_DRIVES();
   TempDir dir;
   talvern::MediumSpec medium;
   medium.HostDir = dir.Host("small");
@@ -287,12 +288,12 @@ TEST(AddingSpanning, FullFixedDiskWithoutLimitEndsWithDiskFull) {
   ASSERT_TRUE(talvern::MountDrive(u'F', DRIVE_FIXED, 512, &medium));
   WriteFile(dir.Host("source/big.bin"), RandomBytes(100000, 6));
   Host host;
-  ASSERT_EQ(host.FileName(u"F:\\out.arc", nullptr), 1);
+  ASSERT_EQ(host.FileName(WTEXT("F:\\out.arc"), nullptr), 1);
   EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
   EXPECT_EQ(host.GetErrorCode(), ERROR_DISK_FULL);
   EXPECT_EQ(host.CallsStartingWith("disk"), V{});
   // The full volume was finished before the handling found nowhere to go.
-  const Volume volume = ReadVolume(u"F:\\out.arc");
+  const Volume volume = ReadVolume(WTEXT("F:\\out.arc"));
   EXPECT_TRUE(volume.Continues);
   ASSERT_EQ(volume.Entries.size(), 1u);
   EXPECT_EQ(volume.Entries[0].CompressType & kContinued, kContinued);
@@ -344,6 +345,7 @@ std::vector<Volume> ReadMedia(const TempDir& dir, int count) {
 } // namespace
 
 TEST(AddingRemovable, WritingGoesOnOnTheNextInsertedMedium) {
+  TALVERN_NEEDS_SIMULATED_DRIVES();
   TempDir dir;
   RemovableDrive drive(dir);
   const auto noise = RandomBytes(100000, 11);
@@ -361,7 +363,7 @@ TEST(AddingRemovable, WritingGoesOnOnTheNextInsertedMedium) {
     host.DefaultCreateTime(MakeFileTime(0x01D0000000000000ull));
     host.OnDiskFull = [](int) { return CArchiveFile::DiskFullChange; };
     host.OnDiskChange = [&](DWORD diskNo) { return drive.Insert(diskNo); };
-    ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+    ASSERT_EQ(host.FileName(WTEXT("A:\\BACKUP.ARC"), nullptr), 1);
     ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{},
                                kNoSecurity | CArchiveFile::AttrNoTimes),
               1)
@@ -395,6 +397,7 @@ TEST(AddingRemovable, WritingGoesOnOnTheNextInsertedMedium) {
 }
 
 TEST(AddingRemovable, ForeignFileOnTheNextMediumIsLeftAlone) {
+  TALVERN_NEEDS_SIMULATED_DRIVES();
   TempDir dir;
   RemovableDrive drive(dir);
   const std::string foreign = "another archive's diskette";
@@ -410,7 +413,7 @@ TEST(AddingRemovable, ForeignFileOnTheNextMediumIsLeftAlone) {
     return foreignFound && diskNo == 2 ? drive.Insert(3) : 0;
   };
   ASSERT_EQ(drive.Insert(1), 1);
-  ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+  ASSERT_EQ(host.FileName(WTEXT("A:\\BACKUP.ARC"), nullptr), 1);
   ASSERT_EQ(
       host.CompressAll(dir.Win("source").c_str(), CArchiveFile::SrchNoFirstPrompt, kNoSecurity), 1)
       << host.GetErrorCode();
@@ -424,6 +427,7 @@ TEST(AddingRemovable, ForeignFileOnTheNextMediumIsLeftAlone) {
 }
 
 TEST(AddingRemovable, UnformattedMediumIsFormattedByTheHost) {
+  TALVERN_NEEDS_SIMULATED_DRIVES();
   TempDir dir;
   RemovableDrive drive(dir);
   drive.Media[1].Formatted = false;
@@ -438,7 +442,7 @@ TEST(AddingRemovable, UnformattedMediumIsFormattedByTheHost) {
     return drive.Insert(diskNo);
   };
   ASSERT_EQ(drive.Insert(1), 1);
-  ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+  ASSERT_EQ(host.FileName(WTEXT("A:\\BACKUP.ARC"), nullptr), 1);
   ASSERT_EQ(
       host.CompressAll(dir.Win("source").c_str(), CArchiveFile::SrchNoFirstPrompt, kNoSecurity), 1)
       << host.GetErrorCode();
@@ -449,6 +453,7 @@ TEST(AddingRemovable, UnformattedMediumIsFormattedByTheHost) {
 }
 
 TEST(AddingRemovable, LibraryDefaultsEndTheMediumDialogueWithCancelled) {
+  TALVERN_NEEDS_SIMULATED_DRIVES();
   TempDir dir;
   const auto noise = RandomBytes(60000, 14);
   WriteFile(dir.Host("source/big.bin"), noise);
@@ -458,7 +463,7 @@ TEST(AddingRemovable, LibraryDefaultsEndTheMediumDialogueWithCancelled) {
     RemovableDrive drive(media);
     ASSERT_EQ(drive.Insert(1), 1);
     Host host;
-    ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+    ASSERT_EQ(host.FileName(WTEXT("A:\\BACKUP.ARC"), nullptr), 1);
     EXPECT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 0);
     EXPECT_EQ(host.GetErrorCode(), ERROR_CANCELLED);
     EXPECT_EQ(host.CallsStartingWith("disk"), (V{"diskfull:1", "diskchange:1,1"}));
@@ -470,7 +475,7 @@ TEST(AddingRemovable, LibraryDefaultsEndTheMediumDialogueWithCancelled) {
     RemovableDrive drive(media);
     ASSERT_EQ(drive.Insert(1), 1);
     Host host;
-    ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+    ASSERT_EQ(host.FileName(WTEXT("A:\\BACKUP.ARC"), nullptr), 1);
     EXPECT_EQ(
         host.CompressAll(dir.Win("source").c_str(), CArchiveFile::SrchNoFirstPrompt, kNoSecurity),
         0);
@@ -488,7 +493,7 @@ TEST(AddingRemovable, LibraryDefaultsEndTheMediumDialogueWithCancelled) {
     host.OnDiskFull = [&](int) {
       return ++rounds <= 3 ? CArchiveFile::DiskFullChange : CArchiveFile::DiskFullStop;
     };
-    ASSERT_EQ(host.FileName(u"A:\\BACKUP.ARC", nullptr), 1);
+    ASSERT_EQ(host.FileName(WTEXT("A:\\BACKUP.ARC"), nullptr), 1);
     EXPECT_EQ(
         host.CompressAll(dir.Win("source").c_str(), CArchiveFile::SrchNoFirstPrompt, kNoSecurity),
         0);

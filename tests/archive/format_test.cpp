@@ -46,7 +46,7 @@ protected:
 
 TEST_F(FormatTest, WorkedExampleByteForByte) {
   Create();
-  CArchiveEntry e = FileEntry(u"a.txt", CString(), 2);
+  CArchiveEntry e = FileEntry(WTEXT("a.txt"), CString(), 2);
   e.Crc = 0x994A3853u;
   e.FindData.ftCreationTime = e.FindData.ftLastAccessTime = e.FindData.ftLastWriteTime =
       MakeFileTime(kTime);
@@ -82,8 +82,8 @@ TEST_F(FormatTest, FieldsSurrogatePairsAndSecurityRoundTrip) {
   // A folder path with a character outside the basic plane (a surrogate
   // pair), a size above 4 GiB (high half first in memory, low half first
   // on disk), a continued compress type and a security block.
-  const CString folder = u"dir\\sub\U0001F600x";
-  const CString name = u"n\U00010437.bin";
+  const CString folder = WTEXT("dir\\sub\U0001F600x");
+  const CString name = WTEXT("n\U00010437.bin");
   CArchiveEntry e = FileEntry(name, folder);
   e.FindData.nFileSizeHigh = 1;
   e.FindData.nFileSizeLow = 0x23;
@@ -148,24 +148,29 @@ TEST_F(FormatTest, ReaderRejectionsClearTheEntry) {
     std::function<void(Bytes&)> body; // record bytes after the header
     DWORD code;
   };
-  const CString name = u"a.txt";
+  const CString name = WTEXT("a.txt");
   const std::vector<Case> cases = {
       {"fewer than 64 bytes available", [](Bytes& b) { b.Zeros(63); }, ERROR_SEEK_ON_DEVICE},
-      {"header size below 64", [&](Bytes& b) { FixedPart(b, 63, 0).Str(u"").Str(name).U32(0); },
+      {"header size below 64",
+       [&](Bytes& b) { FixedPart(b, 63, 0).Str(WTEXT("")).Str(name).U32(0); },
        ERROR_SEEK_ON_DEVICE},
       {"header size beyond the archive",
-       [&](Bytes& b) { FixedPart(b, 83, 0).Str(u"").Str(name).U32(0); }, ERROR_SEEK_ON_DEVICE},
+       [&](Bytes& b) { FixedPart(b, 83, 0).Str(WTEXT("")).Str(name).U32(0); },
+       ERROR_SEEK_ON_DEVICE},
       {"data beyond the archive",
-       [&](Bytes& b) { FixedPart(b, 82, 3).Str(u"").Str(name).U32(0).Ascii("hi"); },
+       [&](Bytes& b) { FixedPart(b, 82, 3).Str(WTEXT("")).Str(name).U32(0).Ascii("hi"); },
        ERROR_SEEK_ON_DEVICE},
       {"name longer than the header",
-       [&](Bytes& b) { FixedPart(b, 70, 0).Str(u"").Str(name).U32(0); }, ERROR_SEEK_ON_DEVICE},
-      {"no room for the block length",
-       [&](Bytes& b) { FixedPart(b, 80, 0).Str(u"").Str(name).U16(0); }, ERROR_SEEK_ON_DEVICE},
-      {"block longer than the header",
-       [&](Bytes& b) { FixedPart(b, 84, 0).Str(u"").Str(name).U32(3).Zeros(2); },
+       [&](Bytes& b) { FixedPart(b, 70, 0).Str(WTEXT("")).Str(name).U32(0); },
        ERROR_SEEK_ON_DEVICE},
-      {"huge block length", [&](Bytes& b) { FixedPart(b, 82, 0).Str(u"").Str(name).U32(~0u); },
+      {"no room for the block length",
+       [&](Bytes& b) { FixedPart(b, 80, 0).Str(WTEXT("")).Str(name).U16(0); },
+       ERROR_SEEK_ON_DEVICE},
+      {"block longer than the header",
+       [&](Bytes& b) { FixedPart(b, 84, 0).Str(WTEXT("")).Str(name).U32(3).Zeros(2); },
+       ERROR_SEEK_ON_DEVICE},
+      {"huge block length",
+       [&](Bytes& b) { FixedPart(b, 82, 0).Str(WTEXT("")).Str(name).U32(~0u); },
        ERROR_SEEK_ON_DEVICE},
   };
   for (const Case& c : cases) {
@@ -186,8 +191,8 @@ TEST_F(FormatTest, ReaderRejectionsClearTheEntry) {
 // record's length out.
 TEST_F(FormatTest, ArgumentsMayLiveInTheEntryOrTheOutValue) {
   Create();
-  CArchiveEntry first = FileEntry(u"one.txt", CString(), 3);
-  CArchiveEntry second = FileEntry(u"two.txt", u"dir", 2);
+  CArchiveEntry first = FileEntry(WTEXT("one.txt"), CString(), 3);
+  CArchiveEntry second = FileEntry(WTEXT("two.txt"), WTEXT("dir"), 2);
   ASSERT_TRUE(AppendEntry(archive, first, AsBytes("abc")));
   ASSERT_TRUE(AppendEntry(archive, second, AsBytes("de")));
   const std::uint64_t size = archive.GetArchiveSize().GetValue();
@@ -222,7 +227,7 @@ TEST_F(FormatTest, VolumeLimitRefusesRecordsThatEndBeyondIt) {
   const CArchiveSize limit(1000);
   ASSERT_TRUE(archive.FileName(dir.Win("vol.arc").c_str(), &limit));
   ASSERT_TRUE(archive.CreateOpen(1, 1));
-  CArchiveEntry e = FileEntry(u"a.txt");
+  CArchiveEntry e = FileEntry(WTEXT("a.txt"));
   e.EntryOffset = 950;
   CArchiveSize total = 7;
   EXPECT_FALSE(archive.DoWriteEntry(e, &total));
@@ -255,7 +260,7 @@ TEST_F(FormatTest, UnlimitedMarkerAllowsRecordsBeyondFourGiB) {
   const CArchiveSize limit(0xFFFFFFFFull);
   ASSERT_TRUE(archive.FileName(dir.Win("vol.arc").c_str(), &limit));
   ASSERT_TRUE(archive.CreateOpen(1, 1));
-  CArchiveEntry e = FileEntry(u"far");
+  CArchiveEntry e = FileEntry(WTEXT("far"));
   e.EntryOffset = 0x100000100ull; // a sparse stretch on the host
   CArchiveSize total;
   ASSERT_TRUE(archive.DoWriteEntry(e, &total)) << archive.GetErrorCode();
@@ -276,22 +281,22 @@ TEST_F(FormatTest, UnlimitedMarkerAllowsRecordsBeyondFourGiB) {
 TEST_F(FormatTest, StringMembers) {
   Create();
   CArchiveSize size = 10;
-  EXPECT_TRUE(archive.CalcWriteStringSize(size, u"abc"));
+  EXPECT_TRUE(archive.CalcWriteStringSize(size, WTEXT("abc")));
   EXPECT_EQ(size.GetValue(), 18u);
   EXPECT_TRUE(archive.CalcWriteStringSize(size, nullptr));
   EXPECT_EQ(size.GetValue(), 20u);
   size = 0xFFFFFFFFFFFFFFFFull - 3;
-  EXPECT_FALSE(archive.CalcWriteStringSize(size, u"ab")); // carries
-  EXPECT_EQ(size.GetValue(), 2u);                         // the wrapped sum
+  EXPECT_FALSE(archive.CalcWriteStringSize(size, WTEXT("ab"))); // carries
+  EXPECT_EQ(size.GetValue(), 2u);                               // the wrapped sum
 
   // A string of 65537 code units is stored as its first one: the count and
   // the characters always agree.
-  const CString big = CString(65536, u'x') + u"y";
+  const CString big = CString(65536, u'x') + WTEXT("y");
   size = 0;
   EXPECT_TRUE(archive.CalcWriteStringSize(size, big.c_str()));
   EXPECT_EQ(size.GetValue(), 4u);
   ASSERT_TRUE(archive.DoWriteString(big.c_str()));
-  ASSERT_TRUE(archive.DoWriteString(u"\U0001F600!"));
+  ASSERT_TRUE(archive.DoWriteString(WTEXT("\U0001F600!")));
   ASSERT_TRUE(archive.DoWriteString(nullptr));
   EXPECT_FALSE(archive.IsError()); // string members never latch
   archive.Close();
@@ -301,17 +306,17 @@ TEST_F(FormatTest, StringMembers) {
 
   // Read back; the buffer form zero-fills and copies capacity - 1 units.
   Bytes b;
-  b.Header(20).Str(u"\U0001F600!").Str(u"abcdef");
+  b.Header(20).Str(WTEXT("\U0001F600!")).Str(WTEXT("abcdef"));
   OpenBytes(b);
   LONG high = 0;
   SetFilePointer(archive.Handle(), 20, &high, FILE_BEGIN);
   CString s;
   CArchiveSize budget = 100;
   ASSERT_TRUE(archive.DoReadString(budget, s));
-  EXPECT_EQ(s, u"\U0001F600!");
+  EXPECT_EQ(s, WTEXT("\U0001F600!"));
   WCHAR buffer[4] = {9, 9, 9, 9};
   ASSERT_TRUE(archive.DoReadString(budget, buffer, 4));
-  EXPECT_EQ(CString(buffer), u"abc");
+  EXPECT_EQ(CString(buffer), WTEXT("abc"));
   EXPECT_EQ(budget.GetValue(), 100u - 8 - 14);
 
   // A budget below the count's 2 bytes, or below the characters, is 132

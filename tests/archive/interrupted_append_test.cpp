@@ -3,6 +3,9 @@
 // unfinished record's place.
 #include "archive/archive_test_util.h"
 
+// A writer killed mid-append is a POSIX child process here (fork, SIGKILL).
+#if !defined(_WIN32)
+
 #include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,7 +23,7 @@ TEST(InterruptedAppend, VolumeKeepsItsEntriesAfterAKilledWriter) {
     ASSERT_TRUE(a.FileName(name.c_str(), nullptr));
     ASSERT_TRUE(a.CreateOpen(1, 1));
     for (const char* n : {"first", "second"}) {
-      CArchiveEntry e = FileEntry(W(n), u"folder", 100);
+      CArchiveEntry e = FileEntry(W(n), WTEXT("folder"), 100);
       ASSERT_TRUE(AppendEntry(a, e, RandomBytes(100, 1)));
     }
     ASSERT_TRUE(a.Close());
@@ -65,7 +68,7 @@ TEST(InterruptedAppend, VolumeKeepsItsEntriesAfterAKilledWriter) {
   RecordArchive writer;
   ASSERT_TRUE(writer.FileName(name.c_str(), nullptr));
   ASSERT_TRUE(writer.WriteOpen(0, 1));
-  CArchiveEntry e = FileEntry(u"later", CString(), 1);
+  CArchiveEntry e = FileEntry(WTEXT("later"), CString(), 1);
   ASSERT_TRUE(AppendEntry(writer, e, AsBytes("!")));
   EXPECT_EQ(e.EntryOffset.GetValue(), committed.size());
   ASSERT_TRUE(writer.Close());
@@ -76,3 +79,5 @@ TEST(InterruptedAppend, VolumeKeepsItsEntriesAfterAKilledWriter) {
 }
 
 } // namespace
+
+#endif // !_WIN32

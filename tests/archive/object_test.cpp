@@ -100,7 +100,7 @@ TEST(ArchiveObject, FileNameAndLimits) {
   char cwd[4096];
   ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
   ASSERT_EQ(chdir(dir.Host().c_str()), 0);
-  ASSERT_TRUE(a.FileName(u"sub\\..\\x.arc", nullptr));
+  ASSERT_TRUE(a.FileName(WTEXT("sub\\..\\x.arc"), nullptr));
   EXPECT_EQ(CString(a.FileName()), dir.Win("x.arc"));
   EXPECT_EQ(a.LimitSize(), nullptr);
   ASSERT_EQ(chdir(cwd), 0);
@@ -161,18 +161,19 @@ TEST(ArchiveObject, HookDefaults) {
   CArchiveEntry e;
   WIN32_FIND_DATAW fd{};
   const CArchiveSize s(1);
-  EXPECT_EQ(a.DiskChangeNotify(u"A:\\", 1, 0), 0);
-  EXPECT_EQ(a.InvalidDiskNotify(u"A:\\", 1, 1, 1), 0);
-  EXPECT_EQ(a.AlreadyOpenedNotify(u"A:\\"), 0);
+  EXPECT_EQ(a.DiskChangeNotify(WTEXT("A:\\"), 1, 0), 0);
+  EXPECT_EQ(a.InvalidDiskNotify(WTEXT("A:\\"), 1, 1, 1), 0);
+  EXPECT_EQ(a.AlreadyOpenedNotify(WTEXT("A:\\")), 0);
   EXPECT_EQ(a.IsFormatMediaSupported(), 0);
-  EXPECT_EQ(a.FormatNotify(u"A:\\", 2), 1);
-  EXPECT_EQ(a.DiskFullNotify(u"A:\\", 1), CArchiveFile::DiskFullChange);
-  EXPECT_EQ(a.CompressFileNotify(u"", u"", u"", e), 1);
-  EXPECT_EQ(a.CompressNotify(u"", u"", u"", e, s, s), 1);
+  EXPECT_EQ(a.FormatNotify(WTEXT("A:\\"), 2), 1);
+  EXPECT_EQ(a.DiskFullNotify(WTEXT("A:\\"), 1), CArchiveFile::DiskFullChange);
+  EXPECT_EQ(a.CompressFileNotify(WTEXT(""), WTEXT(""), WTEXT(""), e), 1);
+  EXPECT_EQ(a.CompressNotify(WTEXT(""), WTEXT(""), WTEXT(""), e, s, s), 1);
   EXPECT_EQ(a.CompressStartNotify(), 1);
-  EXPECT_EQ(a.OverwriteNotify(u"", u"", fd, u"", e), CArchiveFile::OverwriteReplace);
-  EXPECT_EQ(a.ExpandFileNotify(u"", u"", u"", e), 1);
-  EXPECT_EQ(a.ExpandNotify(u"", u"", u"", e, s, s), 1);
+  EXPECT_EQ(a.OverwriteNotify(WTEXT(""), WTEXT(""), fd, WTEXT(""), e),
+            CArchiveFile::OverwriteReplace);
+  EXPECT_EQ(a.ExpandFileNotify(WTEXT(""), WTEXT(""), WTEXT(""), e), 1);
+  EXPECT_EQ(a.ExpandNotify(WTEXT(""), WTEXT(""), WTEXT(""), e, s, s), 1);
   EXPECT_EQ(a.ExpandStartNotify(), 1);
   EXPECT_FALSE(a.IsError()); // no hook touches the error state
 }
@@ -182,7 +183,7 @@ TEST(ArchiveObject, HookDefaults) {
 // own temporary file.
 TEST(ArchiveObject, NameDefaultsTakeTheirResultAsInput) {
   SpyArchive a;
-  CString name = u"C:\\out\\a.txt";
+  CString name = WTEXT("C:\\out\\a.txt");
   ASSERT_EQ(a.MakeBackupFile(name.c_str(), name, 1), 1);
   EXPECT_EQ(N(name), "C:\\out\\a.txt.ORG");
   ASSERT_EQ(a.MakeBackupFile(name.c_str(), name, 0), 1);
@@ -190,7 +191,7 @@ TEST(ArchiveObject, NameDefaultsTakeTheirResultAsInput) {
   EXPECT_EQ(a.MakeBackupFile(nullptr, name, 1), 0);
   EXPECT_TRUE(name.empty());
 
-  CString temp = u"TVX";
+  CString temp = WTEXT("TVX");
   ASSERT_NE(a.GetTempCompressFile(temp, 0, temp.c_str()), 0u);
   const CString file = temp.substr(temp.find_last_of(u'\\') + 1);
   EXPECT_EQ(N(file.substr(0, 3)), "TVX") << N(temp);
@@ -243,7 +244,7 @@ TEST(ArchiveObject, DestructorClosesAndCommits) {
     RecordArchive a;
     ASSERT_TRUE(a.FileName(dir.Win("d.arc").c_str(), nullptr));
     ASSERT_TRUE(a.CreateOpen(1, 0));
-    CArchiveEntry e = FileEntry(u"x", CString(), 3);
+    CArchiveEntry e = FileEntry(WTEXT("x"), CString(), 3);
     ASSERT_TRUE(AppendEntry(a, e, AsBytes("abc")));
   }
   RecordArchive b;

@@ -200,7 +200,7 @@ TEST_F(OpenCloseTest, RollbackDoesNotAdoptBytesBeyondTheArchiveSize) {
   EXPECT_TRUE(a.Flush());
   EXPECT_EQ(a.GetArchiveSize().GetValue(), before.size());
   a.ClearError();
-  CArchiveEntry e = FileEntry(u"b", CString(), 2);
+  CArchiveEntry e = FileEntry(WTEXT("b"), CString(), 2);
   ASSERT_TRUE(AppendEntry(a, e, AsBytes("bb")));
   EXPECT_EQ(e.EntryOffset.GetValue(), before.size());
   ASSERT_TRUE(a.Close());
@@ -220,7 +220,7 @@ TEST_F(OpenCloseTest, FlushCommitsTheHeaderAndTrimsTheFile) {
   LONG high = 0;
   SetFilePointer(a.Handle(), 0, &high, FILE_END);
   ASSERT_TRUE(::WriteFile(a.Handle(), garbage.data(), 300, &put, nullptr));
-  CArchiveEntry e = FileEntry(u"b", CString(), 2);
+  CArchiveEntry e = FileEntry(WTEXT("b"), CString(), 2);
   ASSERT_TRUE(AppendEntry(a, e, AsBytes("bb")));
   EXPECT_EQ(e.EntryOffset.GetValue(), committed);
   // Still the old header on disk: readers see only "a".
@@ -241,7 +241,7 @@ TEST_F(OpenCloseTest, LatchedErrorCutsBackToTheCommittedSize) {
   MakeVolume({"a"});
   const auto before = ReadFile(host);
   ASSERT_TRUE(a.WriteOpen(0, 1));
-  CArchiveEntry e = FileEntry(u"b", CString(), 2);
+  CArchiveEntry e = FileEntry(WTEXT("b"), CString(), 2);
   ASSERT_TRUE(AppendEntry(a, e, AsBytes("bb")));
   // The operation gives up; its header change is abandoned.
   a.Data().Header.ArchiveSize = before.size();

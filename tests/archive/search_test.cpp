@@ -16,10 +16,10 @@ protected:
   void SetUp() override {
     ASSERT_TRUE(a.FileName(dir.Win("s.arc").c_str(), nullptr));
     ASSERT_TRUE(a.CreateOpen(1, 1));
-    CArchiveEntry d = FileEntry(u"dir");
+    CArchiveEntry d = FileEntry(WTEXT("dir"));
     d.FindData.dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY;
-    CArchiveEntry f = FileEntry(u"inner.txt", u"dir", 5);
-    CArchiveEntry g = FileEntry(u"top.bin", CString(), 300);
+    CArchiveEntry f = FileEntry(WTEXT("inner.txt"), WTEXT("dir"), 5);
+    CArchiveEntry g = FileEntry(WTEXT("top.bin"), CString(), 300);
     ASSERT_TRUE(AppendEntry(a, d, {}));
     ASSERT_TRUE(AppendEntry(a, f, AsBytes("12345")));
     ASSERT_TRUE(AppendEntry(a, g, RandomBytes(300, 3)));
@@ -114,7 +114,7 @@ TEST_F(SearchTest, PositionsCanBeSavedRestoredAndSet) {
 }
 
 TEST_F(SearchTest, NullHandlesAndClosedVolumes) {
-  CArchiveEntry e = FileEntry(u"junk");
+  CArchiveEntry e = FileEntry(WTEXT("junk"));
   EXPECT_FALSE(a.FindNext(nullptr, e));
   EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_HANDLE);
   EXPECT_EQ(e.FindData.cFileName[0], 0);
@@ -152,7 +152,7 @@ TEST_F(SearchTest, NullHandlesAndClosedVolumes) {
   EXPECT_EQ(a.FindCreate(), nullptr);
   EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_HANDLE);
   a.ClearError();
-  e = FileEntry(u"junk");
+  e = FileEntry(WTEXT("junk"));
   EXPECT_EQ(a.FindFirst(e), nullptr);
   EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_HANDLE);
   EXPECT_EQ(e.FindData.cFileName[0], 0);
@@ -161,7 +161,7 @@ TEST_F(SearchTest, NullHandlesAndClosedVolumes) {
 TEST_F(SearchTest, EmptyVolumeEndsAtOnce) {
   ASSERT_TRUE(a.FileName(dir.Win("empty.arc").c_str(), nullptr));
   ASSERT_TRUE(a.CreateOpen(1, 1));
-  CArchiveEntry e = FileEntry(u"junk");
+  CArchiveEntry e = FileEntry(WTEXT("junk"));
   EXPECT_EQ(a.FindFirst(e), nullptr);
   EXPECT_EQ(a.GetErrorCode(), ERROR_HANDLE_EOF);
   EXPECT_EQ(e.FindData.cFileName[0], 0);

@@ -20,10 +20,11 @@ protected:
     entry.FindData.dwFileAttributes = directory ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
     const CString out = Win(Out(name));
     replacement.clear();
-    return archive.DoCreate(OutWin().c_str(), root.c_str(), u"", entry, out.c_str(), replacement);
+    return archive.DoCreate(OutWin().c_str(), root.c_str(), WTEXT(""), entry, out.c_str(),
+                            replacement);
   }
 
-  CString root = u"Z:\\";
+  CString root = WTEXT("Z:\\");
   CString replacement;
 };
 
@@ -112,6 +113,7 @@ TEST_F(CreateTest, CancelAndUnknownAnswersCancel) {
 class MediaRecheckTest : public CreateTest {
 protected:
   void SetUp() override {
+    TALVERN_NEEDS_SIMULATED_DRIVES();
     CreateTest::SetUp();
     first.HostDir = tmp.Host("medium1");
     first.Serial = 0x1111;
@@ -126,13 +128,15 @@ protected:
   int CreateOnR() {
     CArchiveEntry entry;
     entry.FindData.dwFileAttributes = FILE_ATTRIBUTE_ARCHIVE;
-    return archive.DoCreate(u"R:\\", root.c_str(), u"", entry, u"R:\\a.txt", replacement);
+    return archive.DoCreate(WTEXT("R:\\"), root.c_str(), WTEXT(""), entry, WTEXT("R:\\a.txt"),
+                            replacement);
   }
 
   talvern::MediumSpec first, second;
 };
 
 TEST_F(MediaRecheckTest, TheRightMediumIsAskedForBeforeAnythingChanges) {
+  TALVERN_NEEDS_SIMULATED_DRIVES();
   archive.OnMedia = [&](DWORD, bool) {
     talvern::InsertMedium(u'R', &first);
     return 1;

@@ -166,6 +166,7 @@ TEST_F(ExtractTest, NextNumberedVolumeIsOpenedEvenWithoutTheContinueBitAndMayBeE
 class RemovableTest : public ExtractTest {
 protected:
   void SetUp() override {
+    TALVERN_NEEDS_SIMULATED_DRIVES();
     for (int i = 0; i < 3; ++i) {
       talvern::MediumSpec m;
       m.HostDir = tmp.Host("medium" + std::to_string(i + 1));
@@ -182,7 +183,7 @@ protected:
     volumes = BuildVolumes(items, limit);
     for (size_t i = 0; i < volumes.size(); ++i)
       WriteFile(media.at(i).HostDir + "/set.arc", volumes[i]);
-    ASSERT_TRUE(archive.FileName(u"R:\\set.arc", nullptr));
+    ASSERT_TRUE(archive.FileName(WTEXT("R:\\set.arc"), nullptr));
   }
 
   void Insert(DWORD diskNo) { ASSERT_TRUE(talvern::InsertMedium(u'R', &media.at(diskNo - 1))); }
@@ -193,7 +194,7 @@ protected:
 TEST_F(RemovableTest, DefaultHooksCancelWheneverAVolumeMustBeAskedFor) {
   WriteOnMedia({File("", "f.txt", "on the diskette")}, 0);
   CArchiveFile plain;
-  ASSERT_TRUE(plain.FileName(u"R:\\set.arc", nullptr));
+  ASSERT_TRUE(plain.FileName(WTEXT("R:\\set.arc"), nullptr));
   EXPECT_EQ(0, plain.ExpandAll(OutWin().c_str(), {}, {}));
   EXPECT_EQ(ERROR_CANCELLED, plain.GetErrorCode());
   EXPECT_TRUE(ListTree(Out()).empty());
@@ -245,7 +246,7 @@ TEST_F(RemovableTest, ExtractingOntoTheArchivesOwnMediumNeverAsks) {
   // The next volume cannot be inserted while the output goes to the medium
   // in the drive, so without numbered files there is no next volume to go
   // to; the host is never asked and the split file is removed again.
-  EXPECT_EQ(0, archive.ExpandAll(u"R:\\out", CArchiveFile::SrchNoFirstPrompt, {}));
+  EXPECT_EQ(0, archive.ExpandAll(WTEXT("R:\\out"), CArchiveFile::SrchNoFirstPrompt, {}));
   EXPECT_EQ(ERROR_HANDLE_EOF, archive.GetErrorCode());
   for (const auto& call : archive.Calls) EXPECT_EQ(std::string::npos, call.find("Disk "));
   EXPECT_TRUE(Exists(media[0].HostDir + "/out"));

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs the build into a temporary prefix and builds a consumer project
-# against it twice: through find_package(Talvern) and through pkg-config.
+# Installs the build into a temporary prefix, runs the installed tool from
+# there (it must find its library by itself, without LD_LIBRARY_PATH) and
+# builds a consumer project against it twice: through find_package(Talvern)
+# and through pkg-config.
 set -euo pipefail
 build_dir=$1
 source_dir=$2
@@ -10,6 +12,16 @@ prefix=$work/prefix
 
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 libdir=$(dirname "$(find "$prefix" -name 'libtalvern.so*' | head -n1)")
+
+echo "== installed tool"
+tool=$prefix/bin/talvern
+env -u LD_LIBRARY_PATH "$tool" --version
+mkdir -p "$work/tree/sub" "$work/out"
+printf 'one\n' >"$work/tree/a.txt"
+head -c 100000 /dev/urandom >"$work/tree/sub/b.bin"
+env -u LD_LIBRARY_PATH "$tool" create -q "$work/t.arc" "$work/tree"
+env -u LD_LIBRARY_PATH "$tool" extract -q "$work/t.arc" "$work/out"
+diff -r "$work/tree" "$work/out"
 
 echo "== find_package(Talvern)"
 cmake -S "$source_dir/tests/install/consumer" -B "$work/cmake-build" \

@@ -242,7 +242,7 @@ bool Expand(const std::vector<std::uint8_t>& stored, const CArchiveEntry& entry,
   return ok != 0;
 }
 
-void SetName(CArchiveEntry& entry, const std::u16string& name) {
+void SetName(CArchiveEntry& entry, const CString& name) {
   std::fill(std::begin(entry.FindData.cFileName), std::end(entry.FindData.cFileName), u'\0');
   std::copy(name.begin(), name.end(), entry.FindData.cFileName);
 }
@@ -329,19 +329,39 @@ std::string CompareTrees(const std::string& expectedHost, const std::string& act
   return std::string();
 }
 
+namespace {
+
+// The variable that names the temporary folder: GetTempPathW reads TMP first
+// on Windows, the platform layer reads TMPDIR.
+#if defined(_WIN32)
+constexpr const char* kTempVariable = "TMP";
+#else
+constexpr const char* kTempVariable = "TMPDIR";
+#endif
+
+void SetTemporaryFolderVariable(const char* value) {
+#if defined(_WIN32)
+  _putenv_s(kTempVariable, value ? value : ""); // "" removes it
+#else
+  if (value)
+    setenv(kTempVariable, value, 1);
+  else
+    unsetenv(kTempVariable);
+#endif
+}
+
+} // namespace
+
 ScopedTemporaryFolder::ScopedTemporaryFolder(const std::string& hostDir) {
-  const char* previous = std::getenv("TMPDIR");
+  const char* previous = std::getenv(kTempVariable);
   hadValue_ = previous != nullptr;
   if (hadValue_) previous_ = previous;
   fs::create_directories(hostDir);
-  setenv("TMPDIR", hostDir.c_str(), 1);
+  SetTemporaryFolderVariable(hostDir.c_str());
 }
 
 ScopedTemporaryFolder::~ScopedTemporaryFolder() {
-  if (hadValue_)
-    setenv("TMPDIR", previous_.c_str(), 1);
-  else
-    unsetenv("TMPDIR");
+  SetTemporaryFolderVariable(hadValue_ ? previous_.c_str() : nullptr);
 }
 
 } // namespace test

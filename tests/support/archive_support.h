@@ -140,7 +140,7 @@ bool Expand(const std::vector<std::uint8_t>& stored, const CArchiveEntry& entry,
             std::vector<std::uint8_t>& out, DWORD& error);
 
 // Sets the entry's own name (cFileName).
-void SetName(CArchiveEntry& entry, const std::u16string& name);
+void SetName(CArchiveEntry& entry, const CString& name);
 
 // The entry's name with its folder, "\\"-joined.
 std::string FullName(const CArchiveEntry& entry);

@@ -11,18 +11,32 @@ namespace fs = std::filesystem;
 namespace test {
 
 TempDir::TempDir() {
+#if defined(_WIN32)
+  // No mkdtemp: a name of the process id and a counter is tried until one
+  // is new.
+  const fs::path root = fs::temp_directory_path();
+  static unsigned counter = 0;
+  fs::path folder;
+  do {
+    folder = root / ("talvern-test-" + std::to_string(GetCurrentProcessId()) + "-" +
+                     std::to_string(++counter));
+  } while (!fs::create_directories(folder));
+  host_ = fs::canonical(folder).generic_string();
+#else
   const char* base = std::getenv("TMPDIR");
   std::string pattern = std::string(base && *base ? base : "/tmp") + "/talvern-test-XXXXXX";
   std::vector<char> buffer(pattern.begin(), pattern.end());
   buffer.push_back('\0');
   if (mkdtemp(buffer.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   host_ = fs::canonical(buffer.data()).string();
+#endif
 }
 
 TempDir::~TempDir() {
   std::error_code ec;
   // Give back write permission everywhere so that the removal cannot fail.
-  for (auto it = fs::recursive_directory_iterator(host_, fs::directory_options::skip_permission_denied, ec);
+  for (auto it = fs::recursive_directory_iterator(
+           host_, fs::directory_options::skip_permission_denied, ec);
        !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (!it->is_symlink(ec))
       fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
@@ -82,7 +96,8 @@ std::vector<std::string> CorpusFiles() {
   std::error_code ec;
   if (!fs::is_directory(TALVERN_CORPUS_DIR, ec)) return files;
   for (const auto& e : fs::directory_iterator(TALVERN_CORPUS_DIR))
-    if (e.is_regular_file() && e.path().filename() != "README.md") files.push_back(e.path().string());
+    if (e.is_regular_file() && e.path().filename() != "README.md")
+      files.push_back(e.path().string());
   std::sort(files.begin(), files.end());
   return files;
 }

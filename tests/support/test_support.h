@@ -8,6 +8,17 @@
 #include <string>
 #include <vector>
 
+// Skips a test that puts archives on the simulated drives, shares or media
+// of the Linux platform layer, or sets its privileges (the control functions
+// of talvern/platform.h): Windows has the real ones, which tests cannot
+// create, and there those functions answer FALSE.
+#if defined(_WIN32)
+#define TALVERN_NEEDS_SIMULATED_DRIVES()                                                           \
+  GTEST_SKIP() << "needs the simulated drives of the Linux platform layer"
+#else
+#define TALVERN_NEEDS_SIMULATED_DRIVES() static_cast<void>(0)
+#endif
+
 namespace test {
 
 // A fresh host folder under $TMPDIR (or /tmp), removed with its contents

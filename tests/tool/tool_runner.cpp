@@ -46,7 +46,7 @@ std::size_t CountQuestions(const std::string& text) {
 
 } // namespace
 
-std::string ToolPath() { return TALVERN_BINARY_DIR "/tools/talvern"; }
+std::string ToolPath() { return TALVERN_TOOL_PATH; }
 
 RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
               const std::vector<std::string>& env, int signal, const std::function<bool()>& when) {

@@ -23,11 +23,11 @@ TEST(VolumeNames, NumberedExtensions) {
   // Without advance a disk folder stays.
   EXPECT_EQ(Named("C:\\OUT\\DISK1\\B", 1, 0), "C:\\OUT\\DISK1\\B.001");
 
-  CString name = u"C:\\DISK1\\B";
+  CString name = WTEXT("C:\\DISK1\\B");
   EXPECT_FALSE(BuildVolumeName(name, 4096, 1));
-  EXPECT_EQ(name, u"C:\\DISK1\\B");
+  EXPECT_EQ(name, WTEXT("C:\\DISK1\\B"));
   EXPECT_FALSE(BuildVolumeName(name, 0xFFFFFFFFu, 0));
-  EXPECT_EQ(name, u"C:\\DISK1\\B");
+  EXPECT_EQ(name, WTEXT("C:\\DISK1\\B"));
 }
 
 TEST(VolumeNames, DiskFoldersAdvance) {
@@ -68,7 +68,7 @@ TEST(VolumeNames, FolderNumbersAtTheirLimits) {
 TEST(VolumeNames, SuccessiveVolumesWalkTheDiskFolders) {
   // How the volume changes name the volumes of a set: strip the extension,
   // append the next number with folder advance.
-  CString name = u"C:\\OUT\\DISK1\\BACKUP";
+  CString name = WTEXT("C:\\OUT\\DISK1\\BACKUP");
   ASSERT_TRUE(BuildVolumeName(name, 0, 0));
   std::vector<std::string> names{N(name)};
   for (DWORD n = 1; n <= 3; ++n) {
@@ -83,13 +83,13 @@ TEST(VolumeNames, SuccessiveVolumesWalkTheDiskFolders) {
 
 TEST(MediaIdentity, SameMediaNeedsEqualSerialFlagsAndLabel) {
   CArchiveFile a;
-  EXPECT_TRUE(a.IsSameMedia(1, 1, 2, 2, u"A", u"A"));
-  EXPECT_FALSE(a.IsSameMedia(1, 1, 2, 2, u"A", u"a")); // case counts
-  EXPECT_FALSE(a.IsSameMedia(1, 2, 2, 2, u"A", u"A"));
-  EXPECT_FALSE(a.IsSameMedia(1, 1, 2, 3, u"A", u"A"));
+  EXPECT_TRUE(a.IsSameMedia(1, 1, 2, 2, WTEXT("A"), WTEXT("A")));
+  EXPECT_FALSE(a.IsSameMedia(1, 1, 2, 2, WTEXT("A"), WTEXT("a"))); // case counts
+  EXPECT_FALSE(a.IsSameMedia(1, 2, 2, 2, WTEXT("A"), WTEXT("A")));
+  EXPECT_FALSE(a.IsSameMedia(1, 1, 2, 3, WTEXT("A"), WTEXT("A")));
   EXPECT_TRUE(a.IsSameMedia(0, 0, 0, 0, nullptr, nullptr));
-  EXPECT_TRUE(a.IsSameMedia(0, 0, 0, 0, nullptr, u""));
-  EXPECT_FALSE(a.IsSameMedia(0, 0, 0, 0, nullptr, u"X"));
+  EXPECT_TRUE(a.IsSameMedia(0, 0, 0, 0, nullptr, WTEXT("")));
+  EXPECT_FALSE(a.IsSameMedia(0, 0, 0, 0, nullptr, WTEXT("X")));
 }
 
 TEST(MediaIdentity, DiskNumberOfTheOpenVolumeOnly) {
