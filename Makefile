@@ -95,7 +95,7 @@ bench-parallel:
 	@scripts/install-deps.sh --bench
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_BUILD_BENCH=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS) --target bench_parallel
-	@scripts/bench-parallel.sh $(BUILD) $(FILE) $(ROUNDS)
+	@scripts/bench-parallel.sh $(BUILD) "$(FILE)" "$(ROUNDS)"
 
 # Whole-tree jobs against tar with gzip and zstd (see docs/performance.md).
 # BASELINE=path/to/another/talvern adds that build to every job; TREE= names

@@ -60,14 +60,60 @@ struct Bits {
   }
 };
 
-// One engine over the block in memory, with the one engine's loop taken a
-// turn at a time. At the top of a turn (a code boundary) the tree holds
+// The data the engines read: all of it in memory, or a stretch of a stream
+// that is moved on between rounds, while no engine runs. Engines ask for
+// bytes by their offsets in the data.
+class Window {
+public:
+  Window(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
+  Window(std::size_t size, const ParallelSource& source, std::size_t room)
+      : size_(size), source_(&source) {
+    buffer_.reserve(room);
+  }
+
+  std::size_t Size() const { return size_; }
+  const std::uint8_t* At(std::size_t offset) const { return data_ + (offset - base_); }
+
+  // Keeps the bytes [from, to) (to cut at the data's end) and nothing
+  // before `from`; false when the source failed.
+  bool Hold(std::size_t from, std::size_t to) {
+    if (source_ == nullptr) return true;
+    to = std::min(to, size_);
+    const std::size_t have = base_ + buffer_.size();
+    if (from > base_) {
+      const std::size_t drop = std::min(from, have) - base_;
+      buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(drop));
+      base_ += drop;
+    }
+    if (to > have) {
+      const std::size_t old = buffer_.size();
+      buffer_.resize(old + (to - have));
+      if (!(*source_)(buffer_.data() + old, to - have)) return false;
+    }
+    data_ = buffer_.data();
+    return true;
+  }
+
+private:
+  const std::uint8_t* data_ = nullptr;
+  std::size_t base_ = 0; // the offset of data_[0]
+  std::size_t size_;
+  const ParallelSource* source_ = nullptr;
+  std::vector<std::uint8_t> buffer_;
+};
+
+// Bytes past an engine's code boundary that it may read before it stops at
+// the next one: a match, a window's slide and a match again.
+constexpr std::size_t kReadAhead = 2 * std::size_t{kN} + 2 * std::size_t{kMax};
+
+// One engine over the data, with the one engine's loop taken a turn at a
+// time. At the top of a turn (a code boundary) the tree holds
 // every position up to the current one and the match found for it.
 class Engine {
 public:
-  Engine(const std::uint8_t* input, std::size_t size)
+  explicit Engine(const Window& input)
       : block_(new (std::nothrow) std::uint8_t[kNodeBytes]()),
-        text_(new (std::nothrow) std::uint8_t[kTextBytes]()), input_(input), size_(size) {}
+        text_(new (std::nothrow) std::uint8_t[kTextBytes]()), input_(input), size_(input.Size()) {}
   bool Ok() const { return block_ && text_; }
 
   // As the one engine starts: spaces behind the first block, the first
@@ -78,7 +124,7 @@ public:
     t_.pos = kN + kMax;
     std::memset(text_.get() + t_.pos, 0x20, kN);
     const std::size_t got = std::min<std::size_t>(kN, size_);
-    std::memcpy(text_.get() + t_.pos, input_, got);
+    if (got != 0) std::memcpy(text_.get() + t_.pos, input_.At(0), got);
     readEnd_ = got;
     remainder_ = static_cast<unsigned>(got);
     EnterFirst();
@@ -95,7 +141,7 @@ public:
     for (std::size_t i = 0; i < kTextBytes; ++i) {
       std::size_t offset = static_cast<std::size_t>(origin_) + i;
       while (offset >= size_) offset -= kN;
-      text_[i] = input_[offset];
+      text_[i] = *input_.At(offset);
     }
     readEnd_ = std::min(size_, at + kN + kMax);
     remainder_ = static_cast<unsigned>(readEnd_ - at);
@@ -105,6 +151,8 @@ public:
   // The offset of the current code boundary.
   std::size_t Boundary() const { return static_cast<std::size_t>(origin_ + t_.pos); }
   bool AtEnd() const { return remainder_ == 0; }
+  // The offset of the next byte the engine reads.
+  std::size_t ReadEnd() const { return readEnd_; }
 
   // One turn of the one engine's loop: a literal or a match is written (to
   // bits, when given) and the strings it covers are entered.
@@ -225,7 +273,7 @@ private:
     if (t_.pos == 2 * kN) {
       std::memmove(text_.get(), text_.get() + kN, std::size_t{kN} + kMax);
       const std::size_t got = std::min<std::size_t>(kN, size_ - readEnd_);
-      std::memcpy(text_.get() + kN + kMax, input_ + readEnd_, got);
+      if (got != 0) std::memcpy(text_.get() + kN + kMax, input_.At(readEnd_), got);
       readEnd_ += got;
       remainder_ += static_cast<unsigned>(got);
       t_.pos = kN;
@@ -235,7 +283,7 @@ private:
 
   std::unique_ptr<std::uint8_t[]> block_;
   std::unique_ptr<std::uint8_t[]> text_;
-  const std::uint8_t* input_;
+  const Window& input_;
   std::size_t size_;
   Tree<DriverShape> t_{};
   std::int64_t origin_ = 0; // the offset of text index 0
@@ -267,10 +315,9 @@ struct Worker {
   }
 };
 
-} // namespace
-
-bool CompressParallel(const std::uint8_t* input, std::size_t size, unsigned threads,
-                      const ParallelSink& sink, ParallelReport* report, ParallelShape shape) {
+bool Compress(Window& input, unsigned threads, const ParallelSink& sink, ParallelReport* report,
+              ParallelShape shape) {
+  const std::size_t size = input.Size();
   const std::size_t chunk = shape.chunk;
   const std::size_t history = shape.history;
   const bool shaped = chunk % kN == 0 && history % kN == 0 && history >= kN &&
@@ -289,21 +336,27 @@ bool CompressParallel(const std::uint8_t* input, std::size_t size, unsigned thre
     result.bytes.clear();
     return ok;
   };
-  auto exact = std::make_unique<Engine>(input, size);
+  auto exact = std::make_unique<Engine>(input);
   if (!exact->Ok()) return false;
+  if (!input.Hold(0, kReadAhead)) return false;
   exact->StartAtBeginning();
   Bits exactBits;
   std::uint64_t exactFrom = 0;
   const auto end = [&](std::size_t k) { return k + 1 < chunks ? start(k + 1) : size; };
 
-  std::size_t k = 0; // the chunk the exact engine is in
+  std::size_t k = 0; // the chunk the exact engine is at the start of
   while (k + 1 < chunks) {
     const std::size_t last = std::min<std::size_t>(k + threads - 1, chunks - 1);
     std::vector<Worker> workers(last - k);
     for (Worker& worker : workers) {
-      worker.engine = std::make_unique<Engine>(input, size);
+      worker.engine = std::make_unique<Engine>(input);
       if (!worker.engine->Ok()) return false;
     }
+    // What the round reads: the exact engine from where it stands, the
+    // workers from their histories on, all of them up to the round's end.
+    if (!input.Hold(std::min(exact->ReadEnd(), start(k + 1) - history - kN),
+                    end(last) + kReadAhead))
+      return false;
     {
       std::vector<std::thread> running;
       for (std::size_t i = 0; i < workers.size(); ++i)
@@ -335,11 +388,15 @@ bool CompressParallel(const std::uint8_t* input, std::size_t size, unsigned thre
         exact->RunTo(end(k + 1 + i), &exactBits);
       }
     }
-    k = last;
+    // The exact engine stands at the end of the last chunk of this round:
+    // it compresses the next chunk itself while workers take the ones after.
+    k = last + 1;
   }
   // The rest, on this thread, passed on a chunk at a time.
   for (;;) {
-    exact->RunTo(exact->Boundary() + (shaped ? chunk : std::size_t{1} << 20), &exactBits);
+    const std::size_t to = exact->Boundary() + (shaped ? chunk : std::size_t{1} << 20);
+    if (!input.Hold(exact->ReadEnd(), to + kReadAhead)) return false;
+    exact->RunTo(to, &exactBits);
     result.Append(exactBits, exactFrom, exactBits.Size());
     exactBits = Bits();
     exactFrom = 0;
@@ -349,6 +406,24 @@ bool CompressParallel(const std::uint8_t* input, std::size_t size, unsigned thre
   result.Put(9, kEndCode);
   if (result.count != 0) result.Put(8 - result.count, 0);
   return flush(true);
+}
+
+} // namespace
+
+bool CompressParallel(const std::uint8_t* input, std::size_t size, unsigned threads,
+                      const ParallelSink& sink, ParallelReport* report, ParallelShape shape) {
+  Window window(input, size);
+  return Compress(window, threads, sink, report, shape);
+}
+
+bool CompressParallel(std::size_t size, const ParallelSource& source, unsigned threads,
+                      const ParallelSink& sink, ParallelReport* report, ParallelShape shape) {
+  // A round holds a chunk per thread, the first worker's history and what
+  // the engines read past the round's end.
+  const std::size_t room = std::size_t{std::max(threads, 1u)} * shape.chunk + shape.history +
+                           std::size_t{kN} + 2 * kReadAhead;
+  Window window(size, source, std::min(room, size));
+  return Compress(window, threads, sink, report, shape);
 }
 
 } // namespace talvern::engine

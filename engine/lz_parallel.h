@@ -48,4 +48,15 @@ bool CompressParallel(const std::uint8_t* input, std::size_t size, unsigned thre
                       const ParallelSink& sink, ParallelReport* report = nullptr,
                       ParallelShape shape = {});
 
+// Fills `buffer` with the next `count` bytes of the data, in order; false
+// when it cannot (a read failed, the data ended early, the work is to stop).
+using ParallelSource = std::function<bool(std::uint8_t* buffer, std::size_t count)>;
+
+// As above, for `size` bytes read from `source` as the work goes on, on
+// this thread between rounds of the workers: memory holds a chunk per
+// thread, not the data. False also when the source failed.
+bool CompressParallel(std::size_t size, const ParallelSource& source, unsigned threads,
+                      const ParallelSink& sink, ParallelReport* report = nullptr,
+                      ParallelShape shape = {});
+
 } // namespace talvern::engine

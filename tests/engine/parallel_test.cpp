@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstring>
 #include <random>
 
 namespace enginetest {
@@ -15,15 +17,27 @@ namespace {
 using talvern::engine::ParallelReport;
 using talvern::engine::ParallelShape;
 
+// From the data in memory, or (streamed) handed over a stretch at a time,
+// as a file is read; a stream stops after `failAfter` bytes.
 bool CompressParallel(const Bytes& data, unsigned threads, Bytes& out, ParallelReport* report,
-                      ParallelShape shape) {
-  return talvern::engine::CompressParallel(
-      data.data(), data.size(), threads,
-      [&](const std::uint8_t* bytes, std::size_t count) {
-        out.insert(out.end(), bytes, bytes + count);
-        return true;
-      },
-      report, shape);
+                      ParallelShape shape, bool streamed = false,
+                      std::size_t failAfter = SIZE_MAX) {
+  const auto sink = [&](const std::uint8_t* bytes, std::size_t count) {
+    out.insert(out.end(), bytes, bytes + count);
+    return true;
+  };
+  if (!streamed)
+    return talvern::engine::CompressParallel(data.data(), data.size(), threads, sink, report,
+                                             shape);
+  std::size_t read = 0;
+  const auto source = [&](std::uint8_t* buffer, std::size_t count) {
+    if (count > data.size() - read || read + count > failAfter) return false;
+    std::memcpy(buffer, data.data() + read, count);
+    read += count;
+    return true;
+  };
+  return talvern::engine::CompressParallel(data.size(), source, threads, sink, report, shape) &&
+         read == data.size();
 }
 
 // All corpus files one after the other, then text-like and random bytes,
@@ -51,14 +65,23 @@ TEST(ParallelTest, WritesTheOneEngineStream) {
   // From a short history (many chunks redone) to the default one.
   const Case cases[] = {{3 * 8192, 8192, 2},   {3 * 8192, 8192, 8}, {5 * 8192, 16384, 3},
                         {12 * 8192, 32768, 2}, {1 << 20, 65536, 1}, {1 << 20, 65536, 2}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.chunk << "/" << c.history << " on " << c.threads);
+  for (const Case& c : cases)
+    for (const bool streamed : {false, true}) {
+      SCOPED_TRACE(testing::Message() << c.chunk << "/" << c.history << " on " << c.threads
+                                      << (streamed ? " streamed" : ""));
+      Bytes parallel;
+      ParallelReport report;
+      ASSERT_TRUE(CompressParallel(data, c.threads, parallel, &report,
+                                   ParallelShape{c.chunk, c.history}, streamed));
+      EXPECT_TRUE(one == parallel);
+      EXPECT_EQ(c.threads > 1, report.chunks > 0);
+    }
+  // A source that fails stops the work, whether the workers or the exact
+  // engine alone were reading.
+  for (const std::size_t failAfter : {std::size_t{100}, data.size() / 2, data.size() - 1}) {
     Bytes parallel;
-    ParallelReport report;
-    ASSERT_TRUE(
-        CompressParallel(data, c.threads, parallel, &report, ParallelShape{c.chunk, c.history}));
-    EXPECT_TRUE(one == parallel);
-    EXPECT_EQ(c.threads > 1, report.chunks > 0);
+    EXPECT_FALSE(CompressParallel(data, 2, parallel, nullptr, ParallelShape{5 * 8192, 16384}, true,
+                                  failAfter));
   }
 }
 
@@ -75,8 +98,8 @@ TEST(ParallelTest, ChunksCutAtRandomPlacesOfOneFile) {
     const std::size_t chunk = history + 8192 * (2 + random() % 6);
     SCOPED_TRACE(testing::Message() << from << "+" << size << " " << chunk << "/" << history);
     Bytes parallel;
-    ASSERT_TRUE(
-        CompressParallel(data, 2 + round % 3, parallel, nullptr, ParallelShape{chunk, history}));
+    ASSERT_TRUE(CompressParallel(data, 2 + round % 3, parallel, nullptr,
+                                 ParallelShape{chunk, history}, round % 2 == 1));
     EXPECT_TRUE(Compress(data) == parallel);
   }
 }
