@@ -5,9 +5,14 @@
 #include "archive/archive_data.h"
 #include "engine/block.h"
 #include "engine/code_format1.h"
+#include "engine/compress_ahead.h"
 #include "engine/entry_data.h"
+#include "engine/lz_parallel.h"
+#include "engine/lz_tree.h"
+#include "engine/streams.h"
 #include "foundation/handles.h"
 
+#include <algorithm>
 #include <initializer_list>
 #include <memory>
 #include <new>
@@ -97,10 +102,99 @@ std::uint64_t OriginalSize(const CArchiveEntry& entry) {
          entry.FindData.nFileSizeLow;
 }
 
+// The reads of the source the one engine makes while it compresses `size`
+// bytes, in order: a window's worth at the start, then one more each time
+// its window slides, which it does every 8192 positions from position
+// 7936 on, up to and including the data's last position.
+class OneEngineReads {
+public:
+  explicit OneEngineReads(std::uint64_t size) : size_(size) {}
+
+  // The next read, when all of it lies within the first `available` bytes
+  // of the data.
+  bool Next(std::uint64_t available, DWORD& count) {
+    if (started_ && slide_ > size_) return false;
+    const std::uint64_t n = std::min<std::uint64_t>(kWindow, size_ - read_);
+    if (read_ + n > available) return false;
+    if (started_) slide_ += kWindow;
+    started_ = true;
+    read_ += n;
+    count = static_cast<DWORD>(n);
+    return true;
+  }
+
+private:
+  static constexpr std::uint64_t kWindow = talvern::engine::DriverShape::n;
+  std::uint64_t size_;
+  std::uint64_t read_ = 0;
+  bool started_ = false;
+  std::uint64_t slide_ = kWindow - talvern::engine::DriverShape::maxMatch;
+};
+
+// Method 1 compression of a large file on `threads` threads: the stream the
+// one engine writes, and its progress calls, read for read. The file is read
+// on this thread a round of chunks at a time, and the host hears of each of
+// the one engine's reads once the bytes it covers have been read.
+bool CompressOnThreads(DWORD& error, const ProgressTarget& hook, const DriverFiles& files,
+                       unsigned threads, DWORD& sum, CArchiveSize& count) {
+  CEncodeDecode1 notifier;
+  PrepareEngine(notifier, hook, count, true);
+  notifier.Aborted = 0;
+  const std::uint64_t size = files.SourceSize();
+  OneEngineReads reads(size);
+  std::uint64_t done = 0;
+  DWORD crc = 0;
+  error = ERROR_SUCCESS;
+  const auto source = [&](std::uint8_t* buffer, std::size_t want) {
+    while (want != 0) {
+      DWORD got = 0;
+      const DWORD piece = static_cast<DWORD>(std::min<std::size_t>(want, 1u << 20));
+      if (!ReadFile(files.Source(), buffer, piece, &got, nullptr)) {
+        error = GetLastError();
+        return false;
+      }
+      if (got == 0) {
+        // The file is shorter than when it was examined.
+        error = ERROR_WRITE_FAULT;
+        return false;
+      }
+      crc = talvern::engine::Crc32Update(crc, buffer, got);
+      buffer += got;
+      want -= got;
+      done += got;
+    }
+    for (DWORD n = 0; reads.Next(done, n);) {
+      notifier.ReadNotify(n);
+      if (notifier.Aborted) {
+        error = ERROR_CANCELLED;
+        return false;
+      }
+    }
+    return true;
+  };
+  const auto sink = [&](const std::uint8_t* bytes, std::size_t n) {
+    DWORD written = 0;
+    if (WriteFile(files.Target(), bytes, static_cast<DWORD>(n), &written, nullptr) && written == n)
+      return true;
+    error = GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_DISK_FULL;
+    return false;
+  };
+  if (!talvern::engine::CompressParallel(static_cast<std::size_t>(size), source, threads, sink)) {
+    if (error == ERROR_SUCCESS) error = ERROR_OUTOFMEMORY;
+    return false;
+  }
+  sum = crc;
+  return true;
+}
+
 // Method 1 between the two files: compressing reads the source through a
 // notifying stream and writes the bit stream; expanding the other way round.
+// A large file is compressed on `threads` threads when there are several.
 bool RunFormatOne(DWORD& error, const ProgressTarget& hook, const DriverFiles& files,
-                  bool compressing, DWORD& sum, CArchiveSize& count) {
+                  bool compressing, unsigned threads, DWORD& sum, CArchiveSize& count) {
+  if (compressing && threads > 1 && files.SourceSize() >= talvern::engine::ParallelThreshold &&
+      files.SourceSize() <= SIZE_MAX)
+    return CompressOnThreads(error, hook, files, threads, sum, count);
   CEncodeDecode1 engine;
   PrepareEngine(engine, hook, count, compressing);
   CFileBit bits;
@@ -127,13 +221,13 @@ bool RunFormatOne(DWORD& error, const ProgressTarget& hook, const DriverFiles& f
 // it succeeded and the bytes counted match the entry's original size (else
 // 29). `sum` receives the CRC of the uncompressed side.
 bool RunDriver(DWORD& error, const ProgressTarget& hook, const WCHAR* target, const WCHAR* source,
-               DWORD method, bool compressing, DWORD& sum) {
+               DWORD method, bool compressing, DWORD& sum, unsigned threads = 1) {
   DriverFiles files;
   CArchiveSize count(0);
   bool ok = files.Open(error, target, source);
   if (ok) {
     if (method == talvern::engine::MethodFormat1) {
-      ok = RunFormatOne(error, hook, files, compressing, sum, count);
+      ok = RunFormatOne(error, hook, files, compressing, threads, sum, count);
     } else if (method == talvern::engine::MethodStored) {
       ok = CopyStored(error, files, sum, count);
     } else {
@@ -224,7 +318,8 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
       return StorePrepared(error, hook, *prepared, target, crc) ? TRUE : FALSE;
   }
   DWORD sum = 0;
-  if (!RunDriver(error, hook, target, source, method, true, sum)) return FALSE;
+  const unsigned threads = talvern::engine::CompressAhead::WorkersFor(m_Data->CompressThreads);
+  if (!RunDriver(error, hook, target, source, method, true, sum, threads)) return FALSE;
   crc = sum;
   return TRUE;
 }

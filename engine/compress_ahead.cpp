@@ -129,6 +129,13 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   job->file->size = size;
   job->charge = Charge(size) + Bookkeeping(name);
   job->spills = size > largest_;
+  if (size > LeftToWalk) {
+    // The walk compresses it on every thread itself: queued as done and
+    // failed, it takes nothing and costs only its bookkeeping.
+    job->charge = Bookkeeping(name);
+    job->spills = false;
+    job->started = job->done = true;
+  }
   std::unique_lock<std::mutex> lock(mutex_);
   std::uint64_t& held = job->spills ? spilled_ : held_;
   const std::uint64_t budget = job->spills ? SpillBudget : budget_;

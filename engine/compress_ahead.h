@@ -55,6 +55,9 @@ public:
   static constexpr std::uint64_t DefaultLargest = 2u << 20;
   static constexpr std::uint64_t SpillBudget = 1u << 30;
   static constexpr unsigned MostWorkers = 8;
+  // Files larger than this are left to the walk, whose driver compresses a
+  // large file on all the threads at once.
+  static constexpr std::uint64_t LeftToWalk = DirectTransferLimit;
   // Files the walker may list while the walk waits for one it has not
   // listed yet, before the walk compresses that file itself.
   static constexpr std::uint64_t Patience = 256;

@@ -103,11 +103,28 @@ TEST(AddingThreads, CancellingLeavesWhatOneThreadLeaves) {
   TempDir dir;
   MakeTree(dir);
   for (const bool isDirect : {false, true})
-    for (const int cancelAt : {3, 40, 200}) {
+    for (const int cancelAt : {3, 40, 200, 1500}) { // 1500: in large.txt, on every thread
       const Outcome one = Add(dir, 1, isDirect, cancelAt);
       ASSERT_EQ(one.result, 0);
       ASSERT_EQ(one.error, static_cast<DWORD>(ERROR_CANCELLED));
       ExpectSame(Add(dir, 4, isDirect, cancelAt), one,
                  "cancel at " + std::to_string(cancelAt) + ", direct " + std::to_string(isDirect));
     }
+}
+
+TEST(AddingThreads, LargeFileOnAllThreadsReadsAsOneEngine) {
+  // One file large enough to be compressed on every thread, its size each
+  // side of a place where the one engine's window slides: its last read is
+  // then empty, short or whole, and the host hears of each.
+  TempDir dir;
+  std::string text;
+  while (text.size() < (9u << 20)) text += "row " + std::to_string(text.size() % 7919) + ";\n";
+  constexpr std::size_t slide = 7936 + 8192 * 1024;
+  for (const std::size_t size : {slide - 1, slide, slide + 300}) {
+    std::filesystem::remove_all(dir.Host("source"));
+    WriteFile(dir.Host("source/big.txt"), text.substr(0, size));
+    const Outcome one = Add(dir, 1, true);
+    ASSERT_EQ(one.result, 1) << one.error;
+    ExpectSame(Add(dir, 2, true), one, std::to_string(size) + " bytes");
+  }
 }
