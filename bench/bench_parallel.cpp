@@ -1,6 +1,6 @@
 // Compression of one large block on 1, 2 and 4 threads, side by side:
 //
-//     bench_parallel FILE [ROUNDS]
+//     bench_parallel FILE [ROUNDS [CHUNK_KIB]]
 //
 // Each round compresses FILE (read into memory, and handed to the engine a
 // stretch at a time as the archive drivers hand it a file) once per thread
@@ -45,6 +45,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   const int rounds = argc > 2 ? std::atoi(argv[2]) : 3;
+  talvern::engine::ParallelShape shape;
+  if (argc > 3) shape.chunk = static_cast<std::size_t>(std::atoi(argv[3])) << 10;
   const unsigned counts[] = {1, 2, 4};
   std::vector<double> times[3];
   std::vector<unsigned char> first;
@@ -80,7 +82,7 @@ int main(int argc, char** argv) {
             }
             return true;
           },
-          &report);
+          &report, shape);
       times[i].push_back(
           std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
       if (!ok) return 1;
