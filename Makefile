@@ -18,7 +18,7 @@ WERROR     ?= ON
 RELEASE_BUILD ?= build-release
 WINDOWS_BUILD ?= build-windows
 
-.PHONY: all deps build demo test test-release test-asan release-builds windows test-windows fuzz bench bench-parallel bench-tree install-check format clean
+.PHONY: all deps build demo test test-release test-asan release-builds windows test-windows package package-windows fuzz bench bench-parallel bench-tree install-check format clean
 
 all: build
 
@@ -57,6 +57,17 @@ release-builds:
 	  cmake --build $(RELEASE_BUILD)-$$cxx -j$(JOBS) && \
 	  $(RELEASE_BUILD)-$$cxx/tools/talvern --version || exit 1; \
 	done
+
+# Packages: a .deb from a Release build with GCC (in $(RELEASE_BUILD)-g++),
+# and a .zip from the Windows build.
+package:
+	CXX=g++ cmake -S . -B $(RELEASE_BUILD)-g++ -DCMAKE_BUILD_TYPE=Release \
+	  -DTALVERN_WERROR=$(WERROR) -DTALVERN_BUILD_TESTS=OFF -DTALVERN_BUILD_BENCH=OFF $(CMAKE_FLAGS)
+	cmake --build $(RELEASE_BUILD)-g++ -j$(JOBS)
+	cd $(RELEASE_BUILD)-g++ && cpack -G DEB
+
+package-windows: windows
+	cd $(WINDOWS_BUILD) && cpack -G ZIP
 
 # The Windows build, cross-compiled with MinGW-w64: libtalvern.dll with its
 # import library, talvern.exe and the test programs, in $(WINDOWS_BUILD)/bin.

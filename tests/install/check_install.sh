@@ -1,16 +1,32 @@
 #!/usr/bin/env bash
-# Installs the build into a temporary prefix, runs the installed tool from
-# there (it must find its library by itself, without LD_LIBRARY_PATH) and
-# builds a consumer project against it twice: through find_package(Talvern)
-# and through pkg-config.
+# Installs the build into a temporary prefix (or, with `deb`, makes the
+# .deb package with cpack and unpacks it into a scratch root with dpkg -x),
+# runs the installed tool from there (it must find its library by itself,
+# without LD_LIBRARY_PATH) and builds a consumer project against it twice:
+# through find_package(Talvern) and through pkg-config.
 set -euo pipefail
 build_dir=$1
 source_dir=$2
+mode=${3:-install}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-prefix=$work/prefix
 
-cmake --install "$build_dir" --prefix "$prefix" >/dev/null
+if [ "$mode" = deb ]; then
+  (cd "$work" && cpack -G DEB --config "$build_dir/CPackConfig.cmake" -B "$work/pkg" >/dev/null)
+  deb=$(ls "$work"/pkg/*.deb)
+  echo "== $(basename "$deb")"
+  dpkg-deb -f "$deb" Package Version Depends
+  contents=$(dpkg-deb -c "$deb")
+  for want in ./usr/bin/talvern ./usr/include/talvern/talvern.h ./usr/include/talvern/talvern_c.h \
+      /cmake/Talvern/TalvernConfig.cmake /pkgconfig/talvern.pc /man1/talvern.1 libtalvern.so.0; do
+    grep -q -- "$want" <<<"$contents" || { echo "missing from the package: $want"; exit 1; }
+  done
+  dpkg -x "$deb" "$work/root"
+  prefix=$work/root/usr
+else
+  prefix=$work/prefix
+  cmake --install "$build_dir" --prefix "$prefix" >/dev/null
+fi
 libdir=$(dirname "$(find "$prefix" -name 'libtalvern.so*' | head -n1)")
 
 echo "== installed tool"
