@@ -24,6 +24,9 @@ using talvern::capi::Host;
 
 namespace {
 
+// The separator of Windows paths as a WCHAR (char16_t or wchar_t).
+constexpr WCHAR kSep = static_cast<WCHAR>('\\');
+
 // One entry of an open archive: the C view and the strings it points to.
 struct EntryRecord {
   std::string path, name, folder;
@@ -121,7 +124,7 @@ std::uint64_t CountTree(const CString& folder) {
     if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
       total += (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
     else if (!(data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT))
-      total += CountTree(folder + u'\\' + name);
+      total += CountTree(folder + kSep + name);
   } while (FindNextFileW(find, &data));
   FindClose(find);
   return total;
@@ -218,7 +221,7 @@ DWORD talvern_archive::ReadEntries() {
       record.path = talvern::capi::EntryName(entry.Path, entry.FindData.cFileName);
       record.name = talvern::ToUtf8(entry.FindData.cFileName);
       record.folder = talvern::capi::EntryName(CString(), entry.Path.c_str());
-      record.relative = entry.Path.empty() ? CString() : entry.Path + u'\\';
+      record.relative = entry.Path.empty() ? CString() : entry.Path + kSep;
       record.relative += entry.FindData.cFileName;
       record.key = talvern::capi::EntryKey(entry.Path, entry.FindData.cFileName);
       record.isDirectory = talvern::capi::IsDirectory(entry);
@@ -460,7 +463,7 @@ uint32_t talvern_read(talvern_archive* archive, const char* path, void** data, s
     selected[index] = true;
     if (const DWORD code = archive->Expand(target, selected, false, CArchiveFile::AttrNoTimes))
       return code;
-    const CString output = target + u'\\' + record.relative;
+    const CString output = target + kSep + record.relative;
     const HANDLE file = CreateFileW(output.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) return LastErrorOr(ERROR_FILE_NOT_FOUND);
