@@ -74,9 +74,11 @@ TEST(AddingHooks, NewArchiveClosesTheOpenVolumeFirst) {
     ClosingHost host;
     ASSERT_EQ(host.FileName(dir.Win("out.arc").c_str(), nullptr), 1);
     ASSERT_EQ(host.CompressAll(dir.Win("source").c_str(), Srch{}, kNoSecurity), 1);
-    EXPECT_EQ(host.Calls,
-              (V{"start", "close", "file:Z:\\|" + N(dir.Win("source")) + "||f.txt", "progress:1/0",
-                 "progress:1/1", "progress:1/1", "close", "complete:1"}));
+    EXPECT_EQ(
+        host.Calls,
+        (V{"start", "close",
+           "file:" + N(dir.Win("source")).substr(0, 3) + "|" + N(dir.Win("source")) + "||f.txt",
+           "progress:1/0", "progress:1/1", "progress:1/1", "close", "complete:1"}));
     EXPECT_FALSE(host.IsError());
   }
   {
@@ -181,7 +183,8 @@ TEST_P(AddingCancel, EachHookStopsTheRunAndLeavesNoTemporaryFile) {
   EXPECT_EQ(host.GetErrorCode(), GetParam() == 5 ? ERROR_WRITE_FAULT : ERROR_CANCELLED);
   EXPECT_EQ(host.Calls.back(), "complete:0");
   EXPECT_FALSE(host.IsOpen());
-  for (const auto& t : host.TemporaryFiles) EXPECT_EQ(t.rfind(tmp, 0), 0u) << t;
+  const std::string tmpAsReported = talvern::WindowsPathToHost(dir.Win("tmp").c_str());
+  for (const auto& t : host.TemporaryFiles) EXPECT_EQ(t.rfind(tmpAsReported, 0), 0u) << t;
   EXPECT_EQ(FolderContents(tmp), V{});
   // Whatever remains of the archive holds whole entries only: the item
   // that failed was taken out again.
@@ -229,9 +232,11 @@ TEST(AddingHooks, RefusalsOfTheTwoOperations) {
     EXPECT_EQ(nestedAll, ERROR_PATH_BUSY);
     EXPECT_EQ(nestedOne, ERROR_PATH_BUSY);
     // The refused single add still reports its start and its end.
-    EXPECT_EQ(host.Calls,
-              (V{"start", "file:Z:\\|" + N(dir.Win("source")) + "||f.txt", "start", "complete:0",
-                 "progress:1/0", "progress:1/1", "progress:1/1", "complete:1"}));
+    EXPECT_EQ(
+        host.Calls,
+        (V{"start",
+           "file:" + N(dir.Win("source")).substr(0, 3) + "|" + N(dir.Win("source")) + "||f.txt",
+           "start", "complete:0", "progress:1/0", "progress:1/1", "progress:1/1", "complete:1"}));
     EXPECT_EQ(ReadVolume(dir.Win("out.arc")).Entries.size(), 1u);
   }
 

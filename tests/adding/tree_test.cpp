@@ -86,6 +86,7 @@ TEST(AddingTree, WalkFlagsChooseThePasses) {
 }
 
 TEST(AddingTree, AttributeSelectionRequiresAndExcludes) {
+  TALVERN_SKIP_UNDER_WINE("every file has the archive attribute and folders are never read-only");
   TempDir dir;
   WriteFile(dir.Host("source/ro.txt"), "1");
   WriteFile(dir.Host("source/hid.txt"), "2");
@@ -161,6 +162,7 @@ TEST(AddingTree, AttributeFlagsClearThenInvertAndNormalIsNeverStored) {
 }
 
 TEST(AddingTree, TimesAreKeptOrSettledFromDefaultsAndTheClock) {
+  TALVERN_SKIP_UNDER_WINE("a file's creation time cannot be set");
   TempDir dir;
   WriteFile(dir.Host("source/f.txt"), "x");
   const FILETIME creation = MakeFileTime(0x01D0000000000001ull);
@@ -287,6 +289,9 @@ TEST(AddingTree, EmptyAndIncompressibleFilesAreStoredAsTheyAre) {
 }
 
 TEST(AddingTree, FolderReachedThroughALinkIsStoredButNotEntered) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "symbolic links to folders need a privilege on Windows";
+#endif
   TempDir dir;
   WriteFile(dir.Host("source/real/inside.txt"), "in");
   fs::create_directory_symlink(dir.Host("source/real"), dir.Host("source/link"));

@@ -217,7 +217,7 @@ TEST(SearchReadAhead, RecordsAcrossBlocksReadAsWritten) {
   const std::uint64_t sizes[] = {65400, 100, 131079, 0, 30000, 40000, 1, 65000, 3};
   std::vector<CArchiveEntry> written;
   for (std::uint32_t i = 0; i < std::size(sizes); ++i) {
-    CArchiveEntry e = FileEntry(u"f" + CString(i + 1, u'x'), u"dir", sizes[i]);
+    CArchiveEntry e = FileEntry(WTEXT("f") + CString(i + 1, WCHAR('x')), WTEXT("dir"), sizes[i]);
     if (i == 4) {
       const std::vector<std::uint8_t> sd = RandomBytes(70000, i);
       e.Security->Data = new BYTE[sd.size()];

@@ -33,6 +33,7 @@ std::vector<Item> SmallTree() {
 }
 
 TEST_F(ExtractTest, TreeExtractsWithContentsTimesAndAttributes) {
+  TALVERN_SKIP_UNDER_WINE("a creation time cannot be set");
   const auto items = SmallTree();
   WriteArchive(items);
 

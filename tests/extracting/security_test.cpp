@@ -28,6 +28,9 @@ constexpr fs::perms kUnusual = fs::perms::owner_read | fs::perms::owner_write |
                                fs::perms::others_read; // 0604: no default gives that
 
 TEST_F(ExtractTest, StoredDescriptorIsGivenToTheOutputWhenSecurityIsOn) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "checks the Linux layer's mapping of descriptors to permission bits";
+#endif
   Item file = File("", "f.txt", "secured");
   file.Security = SampleDescriptor(tmp.Host("sample"), kUnusual);
   Item dir = Dir("", "d");

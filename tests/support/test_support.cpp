@@ -44,6 +44,15 @@ TempDir::~TempDir() {
   fs::remove_all(host_, ec);
 }
 
+bool UnderWine() {
+#if defined(_WIN32)
+  const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+  return ntdll != nullptr && GetProcAddress(ntdll, "wine_get_version") != nullptr;
+#else
+  return false;
+#endif
+}
+
 CString TempDir::Win() const { return talvern::HostPathToWindows(host_); }
 CString TempDir::Win(const std::string& relative) const {
   return talvern::HostPathToWindows(Host(relative));

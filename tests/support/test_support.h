@@ -19,7 +19,16 @@
 #define TALVERN_NEEDS_SIMULATED_DRIVES() static_cast<void>(0)
 #endif
 
+// Skips a test whose checks Windows under Wine cannot meet, for the reason
+// given: on a Linux file system Wine cannot keep a set creation time, gives
+// every file the archive attribute and no folder the read-only one.
+#define TALVERN_SKIP_UNDER_WINE(why)                                                               \
+  if (test::UnderWine()) GTEST_SKIP() << "under Wine, " why
+
 namespace test {
+
+// True when a Windows build runs under Wine.
+bool UnderWine();
 
 // A fresh host folder under $TMPDIR (or /tmp), removed with its contents
 // when the object goes away.
