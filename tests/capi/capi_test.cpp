@@ -330,6 +330,7 @@ TEST(CApi, NumberedVolumes) {
 // archive spans three disks and is read back; the callback hears the
 // drive's root and each disk as it is needed.
 TEST(CApi, NextVolumeOnRemovableMedia) {
+  TALVERN_NEEDS_SIMULATED_DRIVES();
   TempDir dir;
   test::WriteFile(dir.Host("tree/big.bin"), test::RandomBytes(90000, 3));
   std::vector<talvern::MediumSpec> media(3);
