@@ -116,8 +116,8 @@ bench-tree: build
 # (and restores them): start it on a clean tree and leave the tree alone.
 MUTATE ?= ../shared/tools/mutate.py
 mutate: build
-	nice python3 $(MUTATE) --build $(BUILD) --paths $(MUTATE_PATHS) --count $(COUNT) --seed $(SEED) \
-	  $(if $(JSON),--json $(JSON))
+	nice python3 $(MUTATE) --build $(BUILD) --paths $(MUTATE_PATHS) \
+	  --count $(COUNT) --seed $(SEED) $(if $(JSON),--json $(JSON))
 
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
