@@ -11,6 +11,10 @@ ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 FUZZ_SECONDS ?= 60
+# Mutation testing (make mutate): the seeded sample of planted faults.
+SEED       ?= 2026
+COUNT      ?= 60
+MUTATE_PATHS ?= engine archive operations volumes platform foundation
 CMAKE_FLAGS ?=
 # Warnings are errors in every build made here (and so in CI); WERROR=OFF
 # turns that off for one run.
@@ -18,7 +22,7 @@ WERROR     ?= ON
 RELEASE_BUILD ?= build-release
 WINDOWS_BUILD ?= build-windows
 
-.PHONY: all deps build demo test test-release test-asan release-builds windows test-windows package package-windows fuzz bench bench-parallel bench-tree install-check format clean
+.PHONY: all deps build demo test test-release test-asan release-builds windows test-windows package package-windows fuzz bench bench-parallel bench-tree install-check mutate format clean
 
 all: build
 
@@ -116,6 +120,15 @@ bench-tree: build
 	python3 scripts/bench-tree.py --talvern $(BUILD)/tools/talvern \
 	  $(if $(BASELINE),--baseline $(BASELINE)) $(if $(TREE),--tree $(TREE)) \
 	  $(if $(RUNS),--runs $(RUNS))
+
+# How many planted faults the tests catch: ../shared/tools/mutate.py plants
+# COUNT faults (seeded by SEED) in the library's folders one at a time,
+# rebuilds $(BUILD) and runs the tests. It rewrites sources while it runs
+# (and restores them): start it on a clean tree and leave the tree alone.
+MUTATE ?= ../shared/tools/mutate.py
+mutate: build
+	nice python3 $(MUTATE) --build $(BUILD) --paths $(MUTATE_PATHS) \
+	  --count $(COUNT) --seed $(SEED) $(if $(JSON),--json $(JSON))
 
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')

@@ -57,29 +57,6 @@ int Host::DiskChangeNotify(const WCHAR* root, DWORD diskNo, int forWriting) {
                       : CArchiveFile::DiskChangeNotify(root, diskNo, forWriting);
 }
 
-int Host::InvalidDiskNotify(const WCHAR* root, DWORD diskNo, int forWriting, int foreign) {
-  Calls.push_back("invalid:" + std::to_string(diskNo) + "," + std::to_string(forWriting) + "," +
-                  std::to_string(foreign));
-  return OnInvalidDisk ? OnInvalidDisk(diskNo, foreign)
-                       : CArchiveFile::InvalidDiskNotify(root, diskNo, forWriting, foreign);
-}
-
-int Host::FormatNotify(const WCHAR* path, DWORD number) {
-  Calls.push_back("formatnotify:" + std::to_string(number));
-  return OnFormatNotify ? OnFormatNotify(number) : CArchiveFile::FormatNotify(path, number);
-}
-
-int Host::DoFormat(const WCHAR* path, DWORD diskNo) {
-  Calls.push_back("doformat:" + std::to_string(diskNo));
-  return OnDoFormat ? OnDoFormat(diskNo) : CArchiveFile::DoFormat(path, diskNo);
-}
-
-int Host::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlags srch,
-                     CAttrFlags attr) {
-  if (BeforeDoCompress) BeforeDoCompress(entry);
-  return CArchiveFile::DoCompress(root, baseDir, entry, srch, attr);
-}
-
 int Host::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg2, const WCHAR* arg3,
                        const CArchiveEntry& entry, const CArchiveSize& size, const WCHAR* target,
                        const WCHAR* source, DWORD method, DWORD& crc) {

@@ -28,10 +28,6 @@ public:
   std::function<int(const CArchiveEntry&, std::uint64_t, std::uint64_t, bool engine)> OnProgress;
   std::function<CDiskFullOperation(int first)> OnDiskFull;
   std::function<int(DWORD diskNo)> OnDiskChange;
-  std::function<int(DWORD diskNo, int foreign)> OnInvalidDisk;
-  std::function<int(DWORD diskNo)> OnFormatNotify;
-  std::function<int(DWORD diskNo)> OnDoFormat;
-  std::function<void(CArchiveEntry&)> BeforeDoCompress;
   // When not 0, the compression engine is made to fail with this code after
   // it has written the temporary file.
   DWORD FailEngineWith = 0;
@@ -46,9 +42,6 @@ public:
   // The calls whose line starts with prefix.
   std::vector<std::string> CallsStartingWith(const std::string& prefix) const;
 
-  using CArchiveFile::DoDiskFull;
-  using CArchiveFile::GetTempCompressFile;
-
 protected:
   int CompressStartNotify() override;
   void CompressCompleteNotify(int result) override;
@@ -59,11 +52,6 @@ protected:
                      const CArchiveSize& second) override;
   CDiskFullOperation DiskFullNotify(const WCHAR* root, int first) override;
   int DiskChangeNotify(const WCHAR* root, DWORD diskNo, int forWriting) override;
-  int InvalidDiskNotify(const WCHAR* root, DWORD diskNo, int forWriting, int foreign) override;
-  int FormatNotify(const WCHAR* path, DWORD number) override;
-  int DoFormat(const WCHAR* path, DWORD diskNo) override;
-  int DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlags srch,
-                 CAttrFlags attr) override;
   int ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg2, const WCHAR* arg3,
                    const CArchiveEntry& entry, const CArchiveSize& size, const WCHAR* target,
                    const WCHAR* source, DWORD method, DWORD& crc) override;

@@ -1,4 +1,5 @@
-// Opening, committing, rolling back and closing volumes on a fixed drive.
+// Opening, committing, rolling back and closing volumes on a fixed drive,
+// and the archive object's error latch.
 #include "archive/archive_test_util.h"
 
 using namespace test;
@@ -44,32 +45,6 @@ protected:
   }
 };
 
-TEST_F(OpenCloseTest, CreateRefusesAnExistingFileUnlessOverwriting) {
-  WriteFile(host, "precious");
-  Name();
-  EXPECT_FALSE(a.CreateOpen(0, 0));
-  EXPECT_EQ(a.GetErrorCode(), ERROR_FILE_EXISTS);
-  EXPECT_FALSE(a.IsOpen());
-  EXPECT_EQ(ReadText(host), "precious");
-
-  ASSERT_TRUE(a.CreateOpen(1, 0));
-  EXPECT_FALSE(a.IsError());
-  EXPECT_TRUE(a.IsWritable());
-  EXPECT_FALSE(a.IsReadable());
-  EXPECT_FALSE(a.IsContinue());
-  EXPECT_EQ(a.GetDiskNo(), 0u);
-  ASSERT_TRUE(a.Close());
-  EXPECT_EQ(ReadFile(host), Bytes().Header(20).Get());
-}
-
-TEST_F(OpenCloseTest, CreateMakesMissingFolders) {
-  Name("a/b/c/v.arc");
-  ASSERT_TRUE(a.CreateOpen(0, 1)) << a.GetErrorCode();
-  EXPECT_TRUE(a.IsReadable());
-  ASSERT_TRUE(a.Close());
-  EXPECT_EQ(ReadFile(dir.Host("a/b/c/v.arc")).size(), 20u);
-}
-
 TEST_F(OpenCloseTest, ReadOpenRejections) {
   struct Case {
     const char* what;
@@ -111,58 +86,6 @@ TEST_F(OpenCloseTest, ReadOpenRejections) {
   EXPECT_FALSE(Exists(dir.Host("nowhere")));
 }
 
-TEST_F(OpenCloseTest, AnyVolumeNumberAndTheContinueBitAreAccepted) {
-  WriteFile(host, Bytes().Header(20, 0x8003).Get());
-  Name();
-  ASSERT_TRUE(a.WriteOpen(0, 0));
-  EXPECT_EQ(a.GetDiskNo(), 3u);
-  EXPECT_TRUE(a.IsContinue());
-  EXPECT_FALSE(a.IsReadable());
-  ASSERT_TRUE(a.Close());
-  // Closed: nothing of the last volume is reported any more.
-  EXPECT_EQ(a.GetDiskNo(), 0u);
-  EXPECT_FALSE(a.IsContinue() || a.IsWritable());
-  EXPECT_EQ(a.GetArchiveSize().GetValue(), 0u);
-}
-
-TEST_F(OpenCloseTest, WriteOpenWithCreateKeepsAnExistingArchive) {
-  MakeVolume({"one", "two"});
-  const auto before = ReadFile(host);
-  ASSERT_TRUE(a.WriteOpen(1, 1));
-  EXPECT_EQ(a.GetArchiveSize().GetValue(), before.size());
-  EXPECT_EQ(ListEntries(a), (std::vector<std::string>{"one", "two"}));
-  ASSERT_TRUE(a.Close());
-  EXPECT_EQ(ReadFile(host), before);
-
-  // A missing file is created with a fresh header, folders included; so is
-  // an empty one.
-  Name("new/w.arc");
-  ASSERT_TRUE(a.WriteOpen(1, 0));
-  ASSERT_TRUE(a.Close());
-  EXPECT_EQ(ReadFile(dir.Host("new/w.arc")), Bytes().Header(20).Get());
-  WriteFile(dir.Host("empty.arc"), "");
-  Name("empty.arc");
-  ASSERT_TRUE(a.WriteOpen(1, 0));
-  ASSERT_TRUE(a.Close());
-  EXPECT_EQ(ReadFile(dir.Host("empty.arc")), Bytes().Header(20).Get());
-
-  // Without create a missing file is an error and nothing is made.
-  Name("absent.arc");
-  EXPECT_FALSE(a.WriteOpen(0, 1));
-  EXPECT_EQ(a.GetErrorCode(), ERROR_FILE_NOT_FOUND);
-  EXPECT_FALSE(Exists(dir.Host("absent.arc")));
-}
-
-TEST_F(OpenCloseTest, WriteOpenLeavesAForeignFileAlone) {
-  const std::string text = "this is not an archive, and it is longer than twenty bytes";
-  WriteFile(host, text);
-  Name();
-  EXPECT_FALSE(a.WriteOpen(1, 1));
-  EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_DATATYPE);
-  EXPECT_FALSE(a.IsOpen());
-  EXPECT_EQ(ReadText(host), text);
-}
-
 TEST_F(OpenCloseTest, UncommittedNewVolumeIsDeletedOnAFailedClose) {
   Name();
   ASSERT_TRUE(a.CreateOpen(1, 1));
@@ -202,27 +125,6 @@ TEST_F(OpenCloseTest, FailedWriteOpenNeverDeletesAnExistingFile) {
   a.SetErrorCode(ERROR_READ_FAULT);
   a.Close();
   EXPECT_TRUE(Exists(host));
-}
-
-// Bytes an interrupted append left beyond the archive size never become
-// records through a rollback.
-TEST_F(OpenCloseTest, RollbackDoesNotAdoptBytesBeyondTheArchiveSize) {
-  MakeVolume({"a"});
-  const auto before = ReadFile(host);
-  std::vector<std::uint8_t> withTail = before;
-  withTail.insert(withTail.end(), 100, 0xEE);
-  WriteFile(host, withTail);
-  ASSERT_TRUE(a.WriteOpen(0, 1));
-  a.SetErrorCode(ERROR_CRC);
-  EXPECT_TRUE(a.Flush());
-  EXPECT_EQ(a.GetArchiveSize().GetValue(), before.size());
-  a.ClearError();
-  CArchiveEntry e = FileEntry(WTEXT("b"), CString(), 2);
-  ASSERT_TRUE(AppendEntry(a, e, AsBytes("bb")));
-  EXPECT_EQ(e.EntryOffset.GetValue(), before.size());
-  ASSERT_TRUE(a.Close());
-  ASSERT_TRUE(a.ReadOpen());
-  EXPECT_EQ(ListEntries(a), (std::vector<std::string>{"a", "b"}));
 }
 
 TEST_F(OpenCloseTest, FlushCommitsTheHeaderAndTrimsTheFile) {
@@ -271,41 +173,36 @@ TEST_F(OpenCloseTest, LatchedErrorCutsBackToTheCommittedSize) {
   EXPECT_EQ(ReadFile(host), before);
 }
 
-TEST_F(OpenCloseTest, FlushOfAReadVolumeWritesNothing) {
-  MakeVolume({"a"});
-  std::vector<std::uint8_t> bytes = ReadFile(host);
-  bytes.push_back(0x55); // a stray byte beyond the archive size
-  WriteFile(host, bytes);
-  ASSERT_TRUE(a.ReadOpen());
-  a.Data().Flags |= FlagHeaderDirty;
-  EXPECT_TRUE(a.Flush());
-  EXPECT_FALSE(a.Data().Flags & FlagHeaderDirty);
-  EXPECT_TRUE(a.Close());
-  EXPECT_EQ(ReadFile(host), bytes);
-}
-
-TEST_F(OpenCloseTest, FlushAndCloseNeedAnOpenVolume) {
-  EXPECT_FALSE(a.Flush());
-  EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_HANDLE);
+TEST(ArchiveObject, ErrorLatchKeepsTheFirstCodeAndCancellationReplacesIt) {
+  CArchiveFile a;
+  a.SetErrorCode(5);
+  a.SetErrorCode(6);
+  EXPECT_EQ(a.GetErrorCode(), 5u);
+  a.SetMediaChanged(); // independent of the error bit
   a.ClearError();
-  EXPECT_FALSE(a.Close());
-  EXPECT_EQ(a.GetErrorCode(), ERROR_INVALID_HANDLE);
+  EXPECT_FALSE(a.IsError());
+  EXPECT_TRUE(a.IsMediaChanged());
+  a.SetErrorCode(6);
+  a.SetAbort();
+  EXPECT_EQ(a.GetErrorCode(), ERROR_CANCELLED);
+  a.SetErrorCode(5);
+  EXPECT_TRUE(a.IsAborted() && a.IsError());
+  EXPECT_EQ(a.GetErrorCode(), ERROR_CANCELLED);
 }
 
-TEST_F(OpenCloseTest, BusySurvivesOpenAndCloseAndOpenClearsTheRest) {
-  MakeVolume({});
-  a.Data().Flags |= FlagBusy | FlagMediaChanged;
-  a.SetErrorCode(ERROR_CRC);
-  ASSERT_TRUE(a.ReadOpen());
-  EXPECT_TRUE(a.IsBusy());
-  EXPECT_FALSE(a.IsError()); // an open starts with a clean latch
-  EXPECT_FALSE(a.IsMediaChanged());
-  a.SetErrorCode(ERROR_CRC);
-  EXPECT_TRUE(a.Close());
-  EXPECT_TRUE(a.IsBusy());
-  EXPECT_TRUE(a.IsError()); // a close keeps it
-  EXPECT_EQ(a.Data().Flags & ~(FlagBusy | FlagError), 0u);
-  EXPECT_EQ(a.Data().CommittedSize, 0u);
+TEST(ArchiveObject, DestructorClosesAndCommits) {
+  TempDir dir;
+  {
+    RecordArchive a;
+    ASSERT_TRUE(a.FileName(dir.Win("d.arc").c_str(), nullptr));
+    ASSERT_TRUE(a.CreateOpen(1, 0));
+    CArchiveEntry e = FileEntry(WTEXT("x"), CString(), 3);
+    ASSERT_TRUE(AppendEntry(a, e, AsBytes("abc")));
+  }
+  RecordArchive b;
+  ASSERT_TRUE(b.FileName(dir.Win("d.arc").c_str(), nullptr));
+  ASSERT_TRUE(b.ReadOpen());
+  EXPECT_EQ(ListEntries(b), std::vector<std::string>{"x"});
 }
 
 } // namespace

@@ -47,25 +47,6 @@ Bytes Expand(const Bytes& stream, std::size_t limit, bool general, int* ok, DWOR
   return out;
 }
 
-std::vector<Code> ParseCodes(const Bytes& stream) {
-  std::vector<Code> codes;
-  CodeReader reader(stream);
-  unsigned c = 0;
-  while (reader.Take(9, c)) {
-    if (c < 0x100) {
-      codes.push_back({Code::Literal, c, 0});
-    } else if (c == 0x1FF) {
-      codes.push_back({Code::End, 0, 0});
-      break;
-    } else {
-      unsigned p = 0;
-      if (!reader.Take(13, p)) break;
-      codes.push_back({Code::Match, c - 253, p + 1});
-    }
-  }
-  return codes;
-}
-
 std::vector<std::string> CorpusFiles() { return test::CorpusFiles(); }
 
 Bytes ReadAll(const std::string& hostPath) { return test::ReadFile(hostPath); }

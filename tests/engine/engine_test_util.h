@@ -1,5 +1,5 @@
 // Shared helpers of the engine tests: compress and expand through the engine
-// directly, and take a code format 1 stream apart into its codes.
+// directly.
 #pragma once
 
 #include "engine/code_format1.h"
@@ -26,16 +26,6 @@ Bytes Compress(const Bytes& data, bool general = false);
 // `ok` receives Decode's result and `error` its code.
 Bytes Expand(const Bytes& stream, std::size_t limit, bool general = false, int* ok = nullptr,
              DWORD* error = nullptr);
-
-struct Code {
-  enum Kind { Literal, Match, End } kind;
-  unsigned value;    // literal byte, or match length (3 to 257)
-  unsigned distance; // matches: position field + 1
-};
-
-// Reads a stream code by code (9-bit codes, 13-bit position fields) up to
-// and including the end code; stops early at the end of the data.
-std::vector<Code> ParseCodes(const Bytes& stream);
 
 // The files of the benchmark corpus, sorted by name (none when the corpus
 // folder was not found at configuration time).

@@ -1,5 +1,5 @@
-// The one-shot functions between memory blocks: block layout, size
-// queries, the validation order and every error code.
+// The one-shot functions between memory blocks: block layout, the
+// validation order and the error codes.
 #include "engine_test_util.h"
 
 #include <talvern/oneshot.h>
@@ -52,46 +52,6 @@ TEST(OneShot, PublishedBlocks) {
   EXPECT_EQ((Bytes{0x43, 0x4D, 0x01, 0x00, 0xEF, 0x38, 0xAC, 0xC3, 0x06, 0x00, 0x00, 0x00,
                    0x08, 0x00, 0x00, 0x00, 0x30, 0x98, 0x8C, 0x70, 0x00, 0x01, 0x7F, 0xC0}),
             Block(FromString("abcabc"), 1));
-}
-
-TEST(OneShot, EmptyBlocksAndMethodMapping) {
-  Bytes out(64, 0xEE);
-  Result r = CompressTo(nullptr, 0, out.data(), 64, 1);
-  ASSERT_TRUE(r.ok);
-  EXPECT_EQ(18u, r.size);
-  EXPECT_EQ((Bytes{0x43, 0x4D, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0xFF, 0x80}),
-            Bytes(out.begin(), out.begin() + 18));
-  // Exactly 16 bytes of room hold an empty stored block.
-  r = CompressTo("x", 0, out.data(), 16, 0);
-  EXPECT_TRUE(r.ok);
-  EXPECT_EQ(16u, r.size);
-  // A null source counts as empty whatever its size says.
-  r = CompressTo(nullptr, 100, out.data(), 64, 0);
-  EXPECT_TRUE(r.ok);
-  EXPECT_EQ(16u, r.size);
-  EXPECT_EQ(0, out[8]);
-
-  const Bytes data = FromString("mapping mapping mapping");
-  EXPECT_EQ(Block(data, 0), Block(data, 7));      // unknown methods store
-  EXPECT_EQ(Block(data, 1), Block(data, 0xFFFF)); // the default is method 1
-  EXPECT_EQ(0, Block(data, 7)[2]);
-  EXPECT_EQ(1, Block(data, 0xFFFF)[2]);
-}
-
-TEST(OneShot, SizeQueriesWriteNothing) {
-  const Bytes data = TextLike(10000, 6);
-  const Bytes block = Block(data, 1);
-  Result r = CompressTo(data.data(), 10000, nullptr, 0xFFFFFFFFu, 1, 42);
-  EXPECT_TRUE(r.ok);
-  EXPECT_EQ(block.size(), r.size);
-  EXPECT_EQ(42u, r.error);
-
-  r = ExpandTo(block.data(), static_cast<DWORD>(block.size()), nullptr, 10000, 42);
-  EXPECT_TRUE(r.ok);
-  EXPECT_EQ(10000u, r.size);
-  EXPECT_EQ(42u, r.error);
-  // Null pointers for the error and the size are allowed.
-  EXPECT_TRUE(GetCompressMemToMem(data.data(), 10000, nullptr, nullptr, nullptr, 0xFFFFFFFFu, 1));
 }
 
 TEST(OneShot, CompressErrors) {
@@ -170,45 +130,6 @@ TEST(OneShot, ExpandValidatesInOrder) {
   Bytes longer = good;
   longer.resize(good.size() + 10, 0xCC);
   EXPECT_TRUE(ExpandTo(longer.data(), size + 10, out.data(), 3000).ok);
-}
-
-TEST(OneShot, ExpandChecksTheProducedSize) {
-  const Bytes data = TextLike(3000, 9);
-  // A stream cut short (with its size field agreeing) yields too few bytes.
-  Bytes cut = Block(data, 1);
-  cut.resize(cut.size() - 20);
-  PutLe32(cut, 12, static_cast<DWORD>(cut.size() - 16));
-  Bytes out(3000);
-  EXPECT_EQ(ERROR_INVALID_USER_BUFFER,
-            ExpandTo(cut.data(), static_cast<DWORD>(cut.size()), out.data(), 3000).error);
-  // A stored block's CRC covers the stored bytes: one whose original size
-  // claims less expands to that many, one that claims more fails.
-  Bytes stored = Block(data, 0);
-  PutLe32(stored, 8, 2999);
-  const Result r = ExpandTo(stored.data(), static_cast<DWORD>(stored.size()), out.data(), 3000);
-  EXPECT_TRUE(r.ok);
-  EXPECT_EQ(2999u, r.size);
-  PutLe32(stored, 8, 3001);
-  EXPECT_EQ(ERROR_INVALID_USER_BUFFER,
-            ExpandTo(stored.data(), static_cast<DWORD>(stored.size()), out.data(), 3001).error);
-}
-
-TEST(OneShot, RoundTripsOverTheCorpus) {
-  const auto files = CorpusFiles();
-  ASSERT_FALSE(files.empty()) << "benchmark corpus not found";
-  for (const auto& f : files) {
-    SCOPED_TRACE(f);
-    const Bytes data = ReadAll(f);
-    for (DWORD method : {0u, 1u}) {
-      const Bytes block = Block(data, method);
-      Bytes back(data.size());
-      const Result r = ExpandTo(block.data(), static_cast<DWORD>(block.size()), back.data(),
-                                static_cast<DWORD>(back.size()));
-      ASSERT_TRUE(r.ok) << r.error;
-      EXPECT_EQ(data.size(), r.size);
-      EXPECT_EQ(data, back);
-    }
-  }
 }
 
 } // namespace

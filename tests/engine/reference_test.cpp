@@ -37,6 +37,16 @@ void ExpectSameStream(const Bytes& data) {
   ASSERT_EQ(expected, Compress(data, true));
 }
 
+// The streams the format's description gives as examples.
+TEST(Reference, PublishedExamples) {
+  EXPECT_EQ(Compress({}), (Bytes{0xFF, 0x80}));
+  EXPECT_EQ(Compress({0x78}), (Bytes{0x3C, 0x7F, 0xC0}));
+  EXPECT_EQ(Compress({0xFF}), (Bytes{0x7F, 0xFF, 0xC0}));
+  EXPECT_EQ(Compress(FromString("abcabc")),
+            (Bytes{0x30, 0x98, 0x8C, 0x70, 0x00, 0x01, 0x7F, 0xC0}));
+  EXPECT_EQ(Compress(Bytes(300, 0x41)), (Bytes{0x20, 0xFF, 0x40, 0x01, 0x28, 0x00, 0x07, 0xFC}));
+}
+
 TEST(Reference, EncoderGivesTheModelsBytesOnTheCorpus) {
   const auto files = CorpusFiles();
   ASSERT_FALSE(files.empty()) << "benchmark corpus not found";

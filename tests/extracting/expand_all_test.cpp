@@ -67,75 +67,10 @@ TEST_F(ExtractTest, TreeExtractsWithContentsTimesAndAttributes) {
   EXPECT_TRUE(Temporaries().empty());
 }
 
-TEST_F(ExtractTest, ProgressCountsStoredBytesInClusterAlignedPieces) {
-  // 600000 stored bytes: the copy reports 0, then after each piece of the
-  // buffer (a multiple of the cluster size, at most 256 KiB), then once more
-  // at the end.
-  WriteArchive({File("", "big", RandomBytes(600000, 3))});
-  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
-  ASSERT_GE(archive.Progress.size(), 4u);
-  EXPECT_EQ(0u, archive.Progress.front().GetValue());
-  EXPECT_EQ(600000u, archive.Progress.back().GetValue());
-  const std::uint64_t piece = archive.Progress[1].GetValue();
-  EXPECT_LE(piece, 262144u);
-  for (size_t i = 1; i + 2 < archive.Progress.size(); ++i)
-    EXPECT_EQ(piece * i, archive.Progress[i].GetValue());
-}
-
 TEST_F(ExtractTest, KeepFolderOffPutsFilesInTargetAndCreatesNoDirectories) {
   WriteArchive(SmallTree());
   ASSERT_EQ(1, ExpandAll({}, CArchiveFile::AttrNoPath)) << archive.GetErrorCode();
   EXPECT_EQ((V{"c.txt", "d.txt", "top.bin"}), ListTree(Out()));
-}
-
-TEST_F(ExtractTest, NoRecurseCreatesDirectoryAndPassesItsContents) {
-  WriteArchive(SmallTree());
-  ASSERT_EQ(1, ExpandAll(CArchiveFile::SrchNoRecurse)) << archive.GetErrorCode();
-  EXPECT_EQ((V{"a", "top.bin"}), ListTree(Out()));
-  // The passed-over files were still walked and reported: c.txt (17 bytes)
-  // and d.txt (70000) appear in the progress.
-  bool sawC = false, sawD = false;
-  for (const auto& p : archive.Progress) {
-    sawC |= p.GetValue() == 17;
-    sawD |= p.GetValue() == 70000;
-  }
-  EXPECT_TRUE(sawC);
-  EXPECT_TRUE(sawD);
-}
-
-TEST_F(ExtractTest, ExcludedReadOnlyDirectoryIsPassedWithItsContents) {
-  std::vector<Item> items;
-  Item ro = Dir("", "ro");
-  ro.Attributes |= FILE_ATTRIBUTE_READONLY;
-  items.push_back(ro);
-  items.push_back(Dir("ro", "inner"));
-  items.push_back(File("ro\\inner", "deep.txt", std::string(1000, 'q')));
-  items.push_back(File("ro", "f.txt", "in ro"));
-  items.push_back(File("", "after.txt", "after"));
-  WriteArchive(items);
-
-  ASSERT_EQ(1, ExpandAll(CArchiveFile::SrchExcludeReadOnly)) << archive.GetErrorCode();
-  EXPECT_EQ((V{"after.txt"}), ListTree(Out()));
-  EXPECT_EQ("after", ReadText(Out("after.txt")));
-}
-
-TEST_F(ExtractTest, AttributeFlagsAndDefaultTimes) {
-  Item f = File("", "f.txt", "x");
-  f.Attributes = FILE_ATTRIBUTE_READONLY;
-  WriteArchive({f});
-  FILETIME created{0x11111111u, 0x01D00000u};
-  archive.DefaultCreateTime(created);
-
-  // Clear read-only, then invert archive; times not kept: the default
-  // creation time stands for all three.
-  const Attr attr =
-      CArchiveFile::AttrClearReadOnly | CArchiveFile::AttrToggleArchive | CArchiveFile::AttrNoTimes;
-  ASSERT_EQ(1, ExpandAll({}, attr)) << archive.GetErrorCode();
-  const auto data = Look(Out("f.txt"));
-  EXPECT_EQ(FILE_ATTRIBUTE_ARCHIVE, data.dwFileAttributes);
-  EXPECT_EQ(Time(created), Time(data.ftCreationTime));
-  EXPECT_EQ(Time(created), Time(data.ftLastWriteTime));
-  EXPECT_EQ(Time(created), Time(data.ftLastAccessTime));
 }
 
 TEST_F(ExtractTest, UnknownMethodFailsBeforeExpandFileNotify) {
@@ -206,30 +141,6 @@ TEST_F(ExtractTest, CorruptedDataByteIsCaughtAndTheOutputRemoved) {
     EXPECT_TRUE(ListTree(Out()).empty());
     EXPECT_TRUE(Temporaries().empty());
   }
-}
-
-TEST_F(ExtractTest, TopLevelEndsAtFirstEntryOfAnotherFolder) {
-  // No directory record introduces "x": the top level ends at once.
-  WriteArchive({File("x", "f.txt", "unreachable"), File("", "g.txt", "also unreachable")});
-  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
-  EXPECT_TRUE(ListTree(Out()).empty());
-}
-
-TEST_F(ExtractTest, RefusesWhenBusyOrUnnamedWithoutCallingHooks) {
-  CArchiveFile unnamed;
-  EXPECT_EQ(0, unnamed.ExpandAll(OutWin().c_str(), {}, {}));
-  EXPECT_EQ(ERROR_PATH_BUSY, unnamed.GetErrorCode());
-
-  // An error recorded before the refusal is not cleared.
-  WriteArchive({File("", "f.txt", "x")});
-  struct Busy : Recorder {
-    int IsBusy() const override { return 1; }
-  } busy;
-  ASSERT_TRUE(busy.FileName(Win(ArchiveHost()).c_str(), nullptr));
-  busy.SetErrorCode(ERROR_GEN_FAILURE);
-  EXPECT_EQ(0, busy.ExpandAll(OutWin().c_str(), {}, {}));
-  EXPECT_EQ(ERROR_GEN_FAILURE, busy.GetErrorCode());
-  EXPECT_TRUE(busy.Calls.empty());
 }
 
 } // namespace

@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-
 namespace xt {
 
 using namespace test;
@@ -19,26 +17,15 @@ class Recorder : public CArchiveFile {
 public:
   std::vector<std::string> Calls; // hook names in order, with short details
   int DiskChangeCalls = 0;
-  int ExpandNotifyCalls = 0;
-  int CancelAtExpandNotify = 0; // answer 0 to this ExpandNotify call (1-based), 0: never
-  int ExpandFileAnswer = 1;
-  int DiskChangeAnswer = 0;
-  int InvalidDiskAnswer = 0;
+  int CancelAtExpandNotify = 0;        // answer 0 to this ExpandNotify call (1-based), 0: never
   std::vector<DWORD> OverwriteAnswers; // answers in turn; the last one repeats; empty: replace
   std::vector<CArchiveSize> Progress;  // second size of every ExpandNotify
-  // When set, answers DiskChangeNotify (invalid false) and
-  // InvalidDiskNotify (invalid true) instead of the fixed answers.
-  std::function<int(DWORD diskNo, bool invalid)> OnMedia;
-  std::function<void()> OnOverwrite;
 
-  using CArchiveFile::DoCreate;
   // Counts and records the call, then does the library's work.
   int DoDiskChange(const WCHAR* root, CArchiveEntry& entry, const WCHAR* otherPath, int first,
                    int noFirstPrompt) override;
 
 protected:
-  int DiskChangeNotify(const WCHAR* root, DWORD diskNo, int forWriting) override;
-  int InvalidDiskNotify(const WCHAR* root, DWORD diskNo, int forWriting, int foreign) override;
   COverwriteOperation OverwriteNotify(const WCHAR* targetDir, const WCHAR* entryPath,
                                       const WIN32_FIND_DATAW& existing, const WCHAR* root,
                                       const CArchiveEntry& entry) override;

@@ -80,27 +80,5 @@ TEST_F(ExtractTest, TreeMadeByCompressAllExtractsToAnIdenticalTree) {
     EXPECT_EQ(DescriptorOf(Win(src + "/" + item)), DescriptorOf(Win(Out(item)))) << item;
 }
 
-TEST_F(ExtractTest, LongNumberedSetMadeWithASmallLimitExtractsIdentical) {
-  const std::string src = tmp.Host("source");
-  for (const auto& f : CorpusFiles())
-    WriteFile(src + "/corpus/" + fs::path(f).filename().string(), ReadFile(f));
-  WriteFile(src + "/after.txt", "after the corpus");
-  StampTimes(src);
-
-  const CArchiveSize limit(100000u);
-  ASSERT_TRUE(archive.FileName(Win(tmp.Host("set.arc")).c_str(), &limit));
-  ASSERT_EQ(1, archive.CompressAll(Win(src).c_str(), {}, CArchiveFile::AttrNoSecurity))
-      << archive.GetErrorCode();
-  size_t count = 0;
-  while (Exists(NumberedName(tmp.Host("set"), static_cast<unsigned>(count)))) ++count;
-  ASSERT_GE(count, 10u);
-
-  // The object now names the last volume written: name the set again.
-  ASSERT_TRUE(archive.FileName(Win(tmp.Host("set.arc")).c_str(), &limit));
-  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
-  EXPECT_EQ("", CompareTrees(src, Out()));
-  EXPECT_EQ(static_cast<int>(count), archive.DiskChangeCalls);
-}
-
 } // namespace
 } // namespace xt

@@ -27,27 +27,6 @@ fs::perms PermsOf(const std::string& host) {
 constexpr fs::perms kUnusual = fs::perms::owner_read | fs::perms::owner_write |
                                fs::perms::others_read; // 0604: no default gives that
 
-TEST_F(ExtractTest, StoredDescriptorIsGivenToTheOutputWhenSecurityIsOn) {
-#if defined(_WIN32)
-  GTEST_SKIP() << "checks the Linux layer's mapping of descriptors to permission bits";
-#endif
-  Item file = File("", "f.txt", "secured");
-  file.Security = SampleDescriptor(tmp.Host("sample"), kUnusual);
-  Item dir = Dir("", "d");
-  dir.Security = SampleDescriptor(tmp.Host("sample"), kUnusual | fs::perms::owner_exec);
-  WriteArchive({dir, file});
-
-  ASSERT_EQ(1, ExpandAll()) << archive.GetErrorCode();
-  EXPECT_EQ(kUnusual, PermsOf(Out("f.txt")));
-  EXPECT_EQ(kUnusual | fs::perms::owner_exec, PermsOf(Out("d")));
-  EXPECT_EQ("secured", ReadText(Out("f.txt")));
-
-  // With the option off the same archive extracts with default security.
-  fs::remove_all(Out());
-  ASSERT_EQ(1, ExpandAll({}, CArchiveFile::AttrNoSecurity)) << archive.GetErrorCode();
-  EXPECT_NE(kUnusual, PermsOf(Out("f.txt")));
-}
-
 TEST_F(ExtractTest, DamagedDescriptorsFallBackToDefaultSecurity) {
   const auto good = SampleDescriptor(tmp.Host("sample"), kUnusual);
   std::vector<std::vector<std::uint8_t>> damaged;

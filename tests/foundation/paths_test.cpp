@@ -13,54 +13,6 @@ namespace {
 const CString kHigh(1, static_cast<WCHAR>(0xD83D));
 const CString kLow(1, static_cast<WCHAR>(0xDE00));
 
-TEST(NextCharIndex, StepsOverWholeSurrogatePairs) {
-  const CString s = W("a") + kHigh + kLow + W("b");
-  EXPECT_EQ(1, NextCharIndex(s, 0));
-  EXPECT_EQ(3, NextCharIndex(s, 1));
-  EXPECT_EQ(4, NextCharIndex(s, 3));
-  EXPECT_EQ(4, NextCharIndex(s, 4));
-  EXPECT_EQ(4, NextCharIndex(s, -1));
-  // Started on the low half, the step still lands after the pair.
-  EXPECT_EQ(3, NextCharIndex(s, 2));
-  // A lone high surrogate is one character.
-  const CString lone = W("x") + kHigh + W("y");
-  EXPECT_EQ(2, NextCharIndex(lone, 1));
-}
-
-TEST(FindLastSeparator, FlagsAndLimits) {
-  const CString p = W("C:\\a\\b.txt");
-  EXPECT_EQ(4, FindLastSeparator(p, 1, -1));
-  EXPECT_EQ(5, FindLastSeparator(p, 0, -1));
-  EXPECT_EQ(2, FindLastSeparator(p, 1, 4));
-  EXPECT_EQ(4, FindLastSeparator(p, 1, 1000)); // a limit past the end means no limit
-  EXPECT_EQ(-1, FindLastSeparator(W("name.txt"), 1, -1));
-  EXPECT_EQ(-1, FindLastSeparator(CString(), 1, -1));
-  EXPECT_EQ(-1, FindLastSeparator(p, 1, 0));
-  // A NUL inside the string ends the scan.
-  CString withNul = W("a\\b");
-  withNul += static_cast<WCHAR>(0);
-  withNul += W("\\c");
-  EXPECT_EQ(1, FindLastSeparator(withNul, 1, -1));
-  // Separators after a surrogate pair are found at their true index.
-  const CString pair = kHigh + kLow + W("\\x");
-  EXPECT_EQ(2, FindLastSeparator(pair, 1, -1));
-  EXPECT_EQ(3, FindLastSeparator(pair, 0, -1));
-}
-
-TEST(RemoveExtension, CutsAtTheLastDotOfTheFinalComponent) {
-  auto cut = [](const char* text) {
-    CString s = W(text);
-    RemoveExtension(s);
-    return test::N(s);
-  };
-  EXPECT_EQ("C:\\dir\\arch", cut("C:\\dir\\arch.dat"));
-  EXPECT_EQ("C:\\dir.x\\arch", cut("C:\\dir.x\\arch"));
-  EXPECT_EQ("a.tar", cut("a.tar.gz"));
-  EXPECT_EQ("", cut(".profile"));
-  EXPECT_EQ("C:", cut("C:"));
-  EXPECT_EQ("C:name", cut("C:name.x"));
-}
-
 // A drive C: over a temporary folder, and the current directory inside it.
 class PathsOnDrives : public ::testing::Test {
 protected:
@@ -132,15 +84,6 @@ TEST_F(PathsOnDrives, CreateDirectoryTreeCreatesParentsAndOptionallyTheLast) {
   // On a share the recursion ends at the share root.
   EXPECT_EQ(1, CreateDirectoryTree(WTEXT("\\\\srv\\share\\"), WTEXT("\\\\srv\\share\\p\\q"), 1));
   EXPECT_TRUE(std::filesystem::is_directory(dir_.Host("share/p/q")));
-}
-
-TEST_F(PathsOnDrives, ArchivePathMembersMatchTheFreeFunctions) {
-  CArchiveFile archive;
-  int index = -5;
-  EXPECT_EQ(BuildFullPath(WTEXT("C:\\a\\b"), nullptr),
-            archive.GetFullPath(WTEXT("C:\\a\\b"), &index));
-  EXPECT_EQ(5, index);
-  EXPECT_EQ("\\\\srv\\share\\", test::N(archive.GetRootPath(WTEXT("\\\\srv\\share\\x"))));
 }
 
 } // namespace

@@ -1,24 +1,10 @@
-// The errno table and the handle registry.
+// The errno table.
 #include "platform/internal.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <thread>
-
-namespace {
-
-class Dummy : public talvern::platform::HandleObject {
-public:
-  explicit Dummy(int* destroyed) : destroyed_(destroyed) {}
-  ~Dummy() override { ++*destroyed_; }
-
-private:
-  int* destroyed_;
-};
-
-} // namespace
 
 TEST(Errors, ErrnoValuesMapToTheirWin32Codes) {
   using talvern::platform::SetLastErrorFromErrno;
@@ -43,45 +29,4 @@ TEST(Errors, ErrnoValuesMapToTheirWin32Codes) {
     EXPECT_EQ(GetLastError(), code) << err;
   }
   EXPECT_EQ(SetLastErrorFromErrno(EHWPOISON), ERROR_GEN_FAILURE);
-}
-
-TEST(Errors, LastErrorBelongsToItsThread) {
-  SetLastError(1234);
-  DWORD seen = 0;
-  std::thread other([&] {
-    seen = GetLastError();
-    SetLastError(5);
-  });
-  other.join();
-  EXPECT_EQ(seen, 0u);
-  EXPECT_EQ(GetLastError(), 1234u);
-}
-
-TEST(Handles, RegistryOwnsObjectsAndRefusesStaleHandles) {
-  int destroyed = 0;
-  HANDLE a = talvern::platform::RegisterHandle(std::make_unique<Dummy>(&destroyed));
-  HANDLE b = talvern::platform::RegisterHandle(std::make_unique<Dummy>(&destroyed));
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(a, INVALID_HANDLE_VALUE);
-  ASSERT_NE(a, b);
-  EXPECT_NE(talvern::platform::FindHandleAs<Dummy>(a), nullptr);
-  EXPECT_TRUE(CloseHandle(a));
-  EXPECT_EQ(destroyed, 1);
-  EXPECT_EQ(talvern::platform::FindHandle(a), nullptr);
-  EXPECT_FALSE(CloseHandle(a));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-  // A handle value is never given out twice.
-  HANDLE c = talvern::platform::RegisterHandle(std::make_unique<Dummy>(&destroyed));
-  EXPECT_NE(c, a);
-  EXPECT_FALSE(CloseHandle(nullptr));
-  EXPECT_FALSE(CloseHandle(INVALID_HANDLE_VALUE));
-  // Objects of another kind are not taken for files or searches.
-  EXPECT_FALSE(FindClose(b));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-  DWORD n = 0;
-  EXPECT_FALSE(ReadFile(b, &n, 1, &n, nullptr));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-  CloseHandle(b);
-  CloseHandle(c);
-  EXPECT_EQ(destroyed, 3);
 }

@@ -52,6 +52,7 @@ TEST(FullPath, SharesAndDevicesNeverFoldAboveTheirRoot) {
   EXPECT_EQ(Full("\\\\srv\\share"), "\\\\srv\\share");
   EXPECT_EQ(Full("\\\\srv\\share\\"), "\\\\srv\\share\\");
   EXPECT_EQ(Full("\\\\.\\A:"), "\\\\.\\A:");
+  EXPECT_EQ(Full("\\\\.\\A:\\x\\.."), "\\\\.\\A:\\");
 }
 
 TEST(FullPath, RelativeAndDriveRelativeUseTheCurrentDirectory) {

@@ -1,4 +1,4 @@
-// Strings, formatting, arithmetic and time.
+// Formatting, and the conversions between SYSTEMTIME and FILETIME.
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
@@ -38,64 +38,50 @@ TEST(Strings, WsprintfConversionsFlagsAndWidths) {
   EXPECT_EQ(Format(u"%s", longText.c_str()).size(), 1023u);
 }
 
-TEST(Strings, ComparisonsSteppingAndUpperCase) {
-  EXPECT_EQ(lstrlenW(nullptr), 0);
-  EXPECT_EQ(lstrcmpW(u"A", u"a"), 1); // lower case sorts first
-  EXPECT_EQ(lstrcmpW(u"a", u"B"), -1);
-  EXPECT_EQ(lstrcmpW(u"abc", u"abc"), 0);
-  EXPECT_EQ(lstrcmpW(u"ab", u"abc"), -1);
-  EXPECT_EQ(lstrcmpW(nullptr, u""), -1);
-  EXPECT_EQ(lstrcmpiW(u"DISK", u"disk"), 0);
-  EXPECT_EQ(lstrcmpiW(u"_x", u"ax"), -1); // punctuation before letters
-  EXPECT_EQ(lstrcmpiW(u"\u00c9t\u00e9", u"\u00e9T\u00c9"), 0);
-
-  const WCHAR text[] = {u'a', 0xD83D, 0xDE00, u'b', 0};
-  EXPECT_EQ(CharNextW(text), text + 1);
-  EXPECT_EQ(CharNextW(text + 1), text + 3); // a surrogate pair is one character
-  EXPECT_EQ(CharNextW(text + 4), text + 4); // stays at the end
-  WCHAR upper[] = u"a:\\dir\u00e9\u03c9";
-  EXPECT_EQ(CharUpperW(upper), upper);
-  EXPECT_EQ(CString(upper), CString(u"A:\\DIR\u00c9\u03a9"));
+// Every day of a 400-year cycle (leap rules included), each at another
+// time of day, both ways; the day of the week counts on from a Monday.
+TEST(Time, EveryDayOfFourHundredYearsConvertsBothWays) {
+  const unsigned kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  unsigned y = 1601, m = 1, d = 1;
+  for (std::uint64_t day = 0; day < 146097; ++day) {
+    const std::uint64_t ms = (day * 7919) % 86400000;
+    const std::uint64_t value = (day * 86400000 + ms) * 10000;
+    const FILETIME ft{static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)};
+    SYSTEMTIME st{};
+    ASSERT_TRUE(FileTimeToSystemTime(&ft, &st)) << day;
+    ASSERT_EQ(st.wYear * 10000 + st.wMonth * 100 + st.wDay, y * 10000 + m * 100 + d) << day;
+    ASSERT_EQ(st.wDayOfWeek, (day + 1) % 7);
+    ASSERT_EQ(((st.wHour * 60 + st.wMinute) * 60 + st.wSecond) * 1000 + st.wMilliseconds, ms);
+    FILETIME back{};
+    ASSERT_TRUE(SystemTimeToFileTime(&st, &back));
+    ASSERT_EQ(CompareFileTime(&back, &ft), 0) << day;
+    const bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+    if (++d > kDays[m - 1] + (m == 2 && leap)) d = 1, m = m % 12 + 1, y += m == 1;
+  }
+  EXPECT_EQ(y * 10000 + m * 100 + d, 20010101u);
 }
 
-TEST(Arithmetic, MulDivRoundsLikeWindows) {
-  EXPECT_EQ(MulDiv(1, 10000, 3), 3333);
-  EXPECT_EQ(MulDiv(2, 10000, 3), 6667);
-  EXPECT_EQ(MulDiv(1, 1, 2), 1); // half away from zero
-  EXPECT_EQ(MulDiv(-1, 1, 2), -1);
-  EXPECT_EQ(MulDiv(1, 1, -2), -1);
-  EXPECT_EQ(MulDiv(-5, 3, -2), 8); // 7.5
-  EXPECT_EQ(MulDiv(5, 3, 0), -1);
-  EXPECT_EQ(MulDiv(0x7FFFFFFF, 2, 1), -1); // overflow
-  EXPECT_EQ(MulDiv(0x40000000, 4, 2), -1);
-  EXPECT_EQ(MulDiv(0x7FFFFFFF, 0x7FFFFFFF, 0x7FFFFFFF), 0x7FFFFFFF);
-}
-
-TEST(Time, SystemTimeAndFileTimeConvertBothWays) {
-  SYSTEMTIME st{2024, 2, 0, 29, 23, 59, 58, 999};
+TEST(Time, FieldsOutOfRangeAndOtherErrors) {
+  const SYSTEMTIME bad[] = {
+      {1600, 12, 0, 31, 0, 0, 0, 0}, {30828, 1, 0, 1, 0, 0, 0, 0}, {2024, 0, 0, 1, 0, 0, 0, 0},
+      {2024, 13, 0, 1, 0, 0, 0, 0},  {2024, 1, 0, 0, 0, 0, 0, 0},  {2024, 1, 0, 32, 0, 0, 0, 0},
+      {2023, 2, 0, 29, 0, 0, 0, 0},  {2024, 4, 0, 31, 0, 0, 0, 0}, {2024, 1, 0, 1, 24, 0, 0, 0},
+      {2024, 1, 0, 1, 0, 60, 0, 0},  {2024, 1, 0, 1, 0, 0, 60, 0}, {2024, 1, 0, 1, 0, 0, 0, 1000},
+      {1900, 2, 0, 29, 0, 0, 0, 0}};
   FILETIME ft{};
-  ASSERT_TRUE(SystemTimeToFileTime(&st, &ft));
-  // 2024-02-29 23:59:58.999 UTC
+  for (const SYSTEMTIME& t : bad) {
+    SetLastError(0);
+    EXPECT_FALSE(SystemTimeToFileTime(&t, &ft)) << t.wYear << "-" << t.wMonth << "-" << t.wDay;
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  }
+  const SYSTEMTIME last{30827, 12, 0, 31, 23, 59, 59, 999};
+  EXPECT_TRUE(SystemTimeToFileTime(&last, &ft));
+  const SYSTEMTIME leapDay{2024, 2, 0, 29, 23, 59, 58, 999};
+  ASSERT_TRUE(SystemTimeToFileTime(&leapDay, &ft));
   EXPECT_EQ((std::uint64_t{ft.dwHighDateTime} << 32) | ft.dwLowDateTime, 133537247989990000ull);
   SYSTEMTIME back{};
-  ASSERT_TRUE(FileTimeToSystemTime(&ft, &back));
-  EXPECT_EQ(back.wYear, 2024);
-  EXPECT_EQ(back.wMonth, 2);
-  EXPECT_EQ(back.wDay, 29);
-  EXPECT_EQ(back.wDayOfWeek, 4); // a Thursday
-  EXPECT_EQ(back.wHour, 23);
-  EXPECT_EQ(back.wMilliseconds, 999);
-  const FILETIME epoch{0, 0};
-  ASSERT_TRUE(FileTimeToSystemTime(&epoch, &back));
-  EXPECT_EQ(back.wYear, 1601);
-  EXPECT_EQ(back.wDayOfWeek, 1);
-
-  SYSTEMTIME bad{2023, 2, 0, 29, 0, 0, 0, 0}; // not a leap year
-  EXPECT_FALSE(SystemTimeToFileTime(&bad, &ft));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
   const FILETIME huge{0, 0x80000000u};
   EXPECT_FALSE(FileTimeToSystemTime(&huge, &back));
-
   SYSTEMTIME now{};
   GetSystemTime(&now);
   EXPECT_GE(now.wYear, 2024);

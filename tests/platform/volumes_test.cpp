@@ -1,5 +1,6 @@
-// Drives, media and devices: types, volume information, free space and its
-// accounting, empty, unformatted and write-protected media, device requests.
+// Drives, media and devices: types, volume information, free space and
+// its accounting, device requests, and mappings held to a medium's
+// capacity.
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
@@ -86,48 +87,6 @@ TEST(Volumes, DriveTypesAndVolumeInformation) {
   EXPECT_EQ(SetErrorMode(0), SEM_FAILCRITICALERRORS);
 }
 
-TEST(Volumes, EmptyUnformattedAndWriteProtectedMedia) {
-  test::TempDir dir;
-  ASSERT_TRUE(talvern::MountDrive(u'A', DRIVE_REMOVABLE, 512, nullptr));
-  EXPECT_EQ(Create(u"A:\\x.arc"), INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_NOT_READY);
-  EXPECT_EQ(GetFileAttributesW(u"A:\\"), INVALID_FILE_ATTRIBUTES);
-  EXPECT_EQ(GetLastError(), ERROR_NOT_READY);
-
-  auto blank = Medium(dir, "blank", 7);
-  blank.Formatted = false;
-  ASSERT_TRUE(talvern::InsertMedium(u'A', &blank));
-  EXPECT_EQ(Create(u"A:\\x.arc"), INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_UNRECOGNIZED_VOLUME);
-  DWORD serial = 0;
-  EXPECT_FALSE(GetVolumeInformationW(u"A:\\", nullptr, 0, &serial, nullptr, nullptr, nullptr, 0));
-  EXPECT_EQ(GetLastError(), ERROR_UNRECOGNIZED_VOLUME);
-  WIN32_FIND_DATAW data;
-  EXPECT_EQ(FindFirstFileW(u"A:\\*", &data), INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_UNRECOGNIZED_VOLUME);
-
-  auto locked = Medium(dir, "locked", 8);
-  locked.WriteProtected = true;
-  test::WriteFile(dir.Host("locked/old.arc"), "old");
-  ASSERT_TRUE(talvern::InsertMedium(u'A', &locked));
-  EXPECT_EQ(Create(u"A:\\new.arc"), INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
-  EXPECT_EQ(Create(u"A:\\old.arc", OPEN_EXISTING), INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
-  EXPECT_FALSE(DeleteFileW(u"A:\\old.arc"));
-  EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
-  EXPECT_FALSE(CreateDirectoryW(u"A:\\d", nullptr));
-  EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
-  EXPECT_FALSE(SetFileAttributesW(u"A:\\old.arc", FILE_ATTRIBUTE_HIDDEN));
-  EXPECT_EQ(GetLastError(), ERROR_WRITE_PROTECT);
-  // Reading works.
-  HANDLE h = CreateFileW(u"A:\\old.arc", GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
-                         nullptr);
-  EXPECT_NE(h, INVALID_HANDLE_VALUE);
-  CloseHandle(h);
-  EXPECT_EQ(test::ReadText(dir.Host("locked/old.arc")), "old");
-}
-
 TEST(Volumes, CapacityAccountingFillsAMediumToItsLastCluster) {
   test::TempDir dir;
   // 20 clusters of 512 bytes; an existing file of 700 bytes takes two.
@@ -176,131 +135,39 @@ TEST(Volumes, CapacityAccountingFillsAMediumToItsLastCluster) {
   EXPECT_TRUE(test::Exists(dir.Host("big")));
 }
 
-TEST(Devices, LockWaitsForOpenFilesAndDismountsAreCounted) {
+// The device of a removable drive: a lock waits for open files, a
+// dismount is counted, an eject waits while removal is prevented.
+TEST(Devices, LockDismountAndRemoval) {
   test::TempDir dir;
   const auto floppy = Medium(dir, "floppy", 1);
   ASSERT_TRUE(talvern::MountDrive(u'A', DRIVE_REMOVABLE, 512, &floppy));
-  EXPECT_EQ(CreateFileW(u"\\\\.\\B:", GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr),
-            INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-
   HANDLE file = Create(u"A:\\open.arc");
   ASSERT_NE(file, INVALID_HANDLE_VALUE);
-  HANDLE device = CreateFileW(u"\\\\.\\a:", kRW, 3, nullptr, OPEN_EXISTING, 0x80, nullptr);
+  HANDLE device = CreateFileW(u"\\\\.\\a:", kRW, 3, nullptr, OPEN_EXISTING, 0, nullptr);
   ASSERT_NE(device, INVALID_HANDLE_VALUE);
-  DWORD returned = 7;
-  EXPECT_FALSE(
-      DeviceIoControl(device, FSCTL_LOCK_VOLUME, nullptr, 0, nullptr, 0, &returned, nullptr));
+  const auto control = [&](DWORD code, void* in = nullptr, DWORD size = 0) {
+    DWORD returned = 0;
+    return DeviceIoControl(device, code, in, size, nullptr, 0, &returned, nullptr);
+  };
+  EXPECT_FALSE(control(FSCTL_LOCK_VOLUME));
   EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
   CloseHandle(file);
-  ASSERT_TRUE(
-      DeviceIoControl(device, FSCTL_LOCK_VOLUME, nullptr, 0, nullptr, 0, &returned, nullptr));
-  EXPECT_EQ(returned, 0u);
-  // While locked, nobody else opens files on the volume.
-  EXPECT_EQ(Create(u"A:\\other.arc"), INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-  EXPECT_EQ(talvern::GetDismountCount(u'A'), 0u);
-  ASSERT_TRUE(
-      DeviceIoControl(device, FSCTL_DISMOUNT_VOLUME, nullptr, 0, nullptr, 0, &returned, nullptr));
+  ASSERT_TRUE(control(FSCTL_LOCK_VOLUME));
+  EXPECT_EQ(Create(u"A:\\other.arc"), INVALID_HANDLE_VALUE); // nobody else while locked
+  ASSERT_TRUE(control(FSCTL_DISMOUNT_VOLUME));
   EXPECT_EQ(talvern::GetDismountCount(u'A'), 1u);
-  ASSERT_TRUE(
-      DeviceIoControl(device, FSCTL_UNLOCK_VOLUME, nullptr, 0, nullptr, 0, &returned, nullptr));
-  EXPECT_FALSE(
-      DeviceIoControl(device, FSCTL_UNLOCK_VOLUME, nullptr, 0, nullptr, 0, &returned, nullptr));
-  EXPECT_EQ(GetLastError(), ERROR_NOT_LOCKED);
-
-  // Removal prevented: eject refused; allowed again: the drive empties.
+  ASSERT_TRUE(control(FSCTL_UNLOCK_VOLUME));
   PREVENT_MEDIA_REMOVAL prevent{1};
-  ASSERT_TRUE(DeviceIoControl(device, IOCTL_DISK_MEDIA_REMOVAL, &prevent, sizeof prevent, nullptr,
-                              0, &returned, nullptr));
-  EXPECT_FALSE(
-      DeviceIoControl(device, IOCTL_DISK_EJECT_MEDIA, nullptr, 0, nullptr, 0, &returned, nullptr));
+  ASSERT_TRUE(control(IOCTL_DISK_MEDIA_REMOVAL, &prevent, sizeof prevent));
+  EXPECT_FALSE(control(IOCTL_DISK_EJECT_MEDIA));
   prevent.PreventMediaRemoval = 0;
-  ASSERT_TRUE(DeviceIoControl(device, IOCTL_DISK_MEDIA_REMOVAL, &prevent, sizeof prevent, nullptr,
-                              0, &returned, nullptr));
-  ASSERT_TRUE(
-      DeviceIoControl(device, IOCTL_DISK_EJECT_MEDIA, nullptr, 0, nullptr, 0, &returned, nullptr));
+  ASSERT_TRUE(control(IOCTL_DISK_MEDIA_REMOVAL, &prevent, sizeof prevent));
+  ASSERT_TRUE(control(IOCTL_DISK_EJECT_MEDIA));
   EXPECT_EQ(Create(u"A:\\after.arc"), INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), ERROR_NOT_READY);
-  EXPECT_FALSE(
-      DeviceIoControl(device, FSCTL_LOCK_VOLUME, nullptr, 0, nullptr, 0, &returned, nullptr));
-  EXPECT_EQ(GetLastError(), ERROR_NOT_READY);
-  EXPECT_FALSE(DeviceIoControl(device, 0x12345678, nullptr, 0, nullptr, 0, &returned, nullptr));
+  EXPECT_FALSE(control(0x12345678));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_FUNCTION);
   CloseHandle(device);
-  EXPECT_FALSE(
-      DeviceIoControl(device, FSCTL_LOCK_VOLUME, nullptr, 0, nullptr, 0, &returned, nullptr));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-
-  // Device access can be denied for a drive.
-  talvern::SetDeviceAccess(u'A', FALSE);
-  EXPECT_EQ(CreateFileW(u"\\\\.\\A:", GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr),
-            INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-}
-
-TEST(Devices, ClosingALockingHandleReleasesTheVolume) {
-  test::TempDir dir;
-  const auto floppy = Medium(dir, "floppy", 1);
-  ASSERT_TRUE(talvern::MountDrive(u'A', DRIVE_REMOVABLE, 512, &floppy));
-  HANDLE first = CreateFileW(u"\\\\.\\A:", kRW, 3, nullptr, OPEN_EXISTING, 0, nullptr);
-  HANDLE second = CreateFileW(u"\\\\.\\A:", kRW, 3, nullptr, OPEN_EXISTING, 0, nullptr);
-  ASSERT_TRUE(DeviceIoControl(first, FSCTL_LOCK_VOLUME, nullptr, 0, nullptr, 0, nullptr, nullptr));
-  EXPECT_FALSE(
-      DeviceIoControl(second, FSCTL_LOCK_VOLUME, nullptr, 0, nullptr, 0, nullptr, nullptr));
-  CloseHandle(first);
-  EXPECT_TRUE(DeviceIoControl(second, FSCTL_LOCK_VOLUME, nullptr, 0, nullptr, 0, nullptr, nullptr));
-  CloseHandle(second);
-  HANDLE h = Create(u"A:\\free-again.arc");
-  EXPECT_NE(h, INVALID_HANDLE_VALUE);
-  CloseHandle(h);
-}
-
-TEST(Mapping, WritableMappingGrowsItsFileAndViewsShareTheData) {
-  test::TempDir dir;
-  SYSTEM_INFO info{};
-  GetSystemInfo(&info);
-  EXPECT_EQ(info.dwAllocationGranularity, 65536u);
-  HANDLE file = Create(dir.Win("m.bin"));
-  ASSERT_NE(file, INVALID_HANDLE_VALUE);
-  DWORD n = 0;
-  ASSERT_TRUE(WriteFile(file, "head", 4, &n, nullptr));
-  // A zero-size mapping of an empty range and a read-only one larger than the file fail.
-  EXPECT_EQ(CreateFileMappingW(file, nullptr, PAGE_READONLY, 0, 200000, nullptr), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_MEMORY);
-
-  HANDLE mapping = CreateFileMappingW(file, nullptr, PAGE_READWRITE, 0, 200000, nullptr);
-  ASSERT_NE(mapping, nullptr);
-  EXPECT_EQ(GetFileSize(file, nullptr), 200000u);
-  EXPECT_EQ(MapViewOfFile(mapping, FILE_MAP_READ, 0, 4096, 0), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_MAPPED_ALIGNMENT);
-  EXPECT_EQ(MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 300000), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-  auto* view = static_cast<char*>(MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, 0));
-  ASSERT_NE(view, nullptr);
-  EXPECT_EQ(std::string(view, 4), "head");
-  auto* second = static_cast<char*>(MapViewOfFile(mapping, FILE_MAP_READ, 0, 65536, 1000));
-  ASSERT_NE(second, nullptr);
-  view[65536] = 'Q';
-  EXPECT_EQ(second[0], 'Q');
-  EXPECT_TRUE(UnmapViewOfFile(second));
-  EXPECT_FALSE(UnmapViewOfFile(second));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_ADDRESS);
-  EXPECT_TRUE(UnmapViewOfFile(view));
-  CloseHandle(mapping);
-  CloseHandle(file);
-  EXPECT_EQ(test::ReadFile(dir.Host("m.bin"))[65536], 'Q');
-
-  // Read-only file handles give only read-only mappings; empty files none.
-  file = CreateFileW(dir.Win("m.bin").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                     OPEN_EXISTING, 0, nullptr);
-  EXPECT_EQ(CreateFileMappingW(file, nullptr, PAGE_READWRITE, 0, 0, nullptr), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-  CloseHandle(file);
-  file = Create(dir.Win("empty.bin"));
-  EXPECT_EQ(CreateFileMappingW(file, nullptr, PAGE_READONLY, 0, 0, nullptr), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_FILE_INVALID);
-  CloseHandle(file);
 }
 
 TEST(Mapping, GrowthOnAMediumIsHeldToItsCapacity) {

@@ -1,5 +1,5 @@
-// Descriptors of host files: the one read from owner, group and mode, and
-// the one given at creation and given back.
+// Descriptors of host files: the one read from owner, group and mode, the
+// one given at creation, and the privilege names.
 #include "platform/security_internal.h"
 #include "security/security_fixtures.h"
 #include "support/test_support.h"
@@ -17,7 +17,6 @@ namespace {
 
 constexpr SECURITY_INFORMATION kOwnerGroupDacl =
     OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
-constexpr SECURITY_INFORMATION kAll = kOwnerGroupDacl | SACL_SECURITY_INFORMATION;
 
 Bytes Read(const CString& path, SECURITY_INFORMATION what) {
   DWORD needed = 0;
@@ -26,22 +25,6 @@ Bytes Read(const CString& path, SECURITY_INFORMATION what) {
   Bytes bytes(needed);
   EXPECT_TRUE(GetFileSecurityW(path.c_str(), what, bytes.data(), needed, &needed));
   return bytes;
-}
-
-mode_t ModeOf(const std::string& host) {
-  struct stat st {};
-  EXPECT_EQ(stat(host.c_str(), &st), 0);
-  return st.st_mode & 0777;
-}
-
-void EnableSecurityPrivilege() {
-  talvern::SetPrivilegeHeld(WTEXT("SeSecurityPrivilege"), TRUE);
-  HANDLE token = nullptr;
-  ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token));
-  TOKEN_PRIVILEGES privileges{1, {{{8, 0}, SE_PRIVILEGE_ENABLED}}};
-  ASSERT_TRUE(AdjustTokenPrivileges(token, FALSE, &privileges, 0, nullptr, nullptr));
-  ASSERT_EQ(GetLastError(), ERROR_SUCCESS);
-  CloseHandle(token);
 }
 
 TEST(FileSecurity, HostFileDescriptorAndSizeProtocol) {
@@ -59,6 +42,8 @@ TEST(FileSecurity, HostFileDescriptorAndSizeProtocol) {
   Bytes sd(needed);
   EXPECT_FALSE(GetFileSecurityW(path.c_str(), kOwnerGroupDacl, sd.data(), needed - 1, &needed));
   EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+  EXPECT_FALSE(GetFileSecurityW(path.c_str(), kOwnerGroupDacl, sd.data(), needed, nullptr));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
   SetLastError(777);
   ASSERT_TRUE(GetFileSecurityW(path.c_str(), kOwnerGroupDacl, sd.data(), needed, &needed));
   EXPECT_EQ(GetLastError(), 777u); // success leaves the last error alone
@@ -84,72 +69,8 @@ TEST(FileSecurity, HostFileDescriptorAndSizeProtocol) {
   EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
 }
 
-TEST(FileSecurity, SystemListNeedsTheEnabledPrivilege) {
-  test::TempDir dir;
-  test::WriteFile(dir.Host("f"), "x");
-  DWORD needed = 0;
-  EXPECT_FALSE(GetFileSecurityW(dir.Win("f").c_str(), kAll, nullptr, 0, &needed));
-  EXPECT_EQ(GetLastError(), ERROR_PRIVILEGE_NOT_HELD);
-  EnableSecurityPrivilege();
-  EXPECT_EQ(Read(dir.Win("f"), kAll), Read(dir.Win("f"), kOwnerGroupDacl)); // no SACL on the host
-}
-
-// Permission bits survive the way to a descriptor and back onto a new file,
-// including those where the others may do more than the owner or group.
-TEST(FileSecurity, ModeRoundTripsThroughTheDacl) {
-  test::TempDir dir;
-  for (mode_t mode : {0000, 0644, 0755, 0604, 0460, 0070, 0007, 0777, 0421, 0136}) {
-    test::WriteFile(dir.Host("src"), "x");
-    test::WriteFile(dir.Host("dst"), "x");
-    chmod(dir.Host("src").c_str(), mode);
-    chmod(dir.Host("dst").c_str(), 0600);
-    Bytes sd = Read(dir.Win("src"), kOwnerGroupDacl);
-    ASSERT_EQ(ApplySecurityOnCreate(dir.Host("dst"), false, sd.data()), ERROR_SUCCESS);
-    EXPECT_EQ(ModeOf(dir.Host("dst")), mode) << std::oct << mode;
-    unlink(dir.Host("src").c_str());
-    unlink(dir.Host("dst").c_str());
-  }
-  mkdir(dir.Host("d").c_str(), 0751);
-  mkdir(dir.Host("e").c_str(), 0700);
-  Bytes sd = Read(dir.Win("d"), kOwnerGroupDacl);
-  ASSERT_EQ(ApplySecurityOnCreate(dir.Host("e"), true, sd.data()), ERROR_SUCCESS);
-  EXPECT_EQ(ModeOf(dir.Host("e")), 0751u);
-}
-
-TEST(FileSecurity, DescriptorGivenAtCreationComesBackExactly) {
-  EnableSecurityPrivilege();
-  test::TempDir dir;
-  test::WriteFile(dir.Host("f"), "x");
-  const Bytes given = SelfRelative(WindowsLayout());
-  ASSERT_EQ(ApplySecurityOnCreate(dir.Host("f"), false, const_cast<BYTE*>(given.data())),
-            ERROR_SUCCESS);
-  EXPECT_EQ(Read(dir.Win("f"), kAll), given);
-  // Owner full control, everyone denied writing: 0700 for a domain owner.
-  EXPECT_EQ(ModeOf(dir.Host("f")), 0700u);
-
-  // Parts not asked for are left out, as the system leaves them out.
-  Layout part = WindowsLayout();
-  part.group.clear();
-  part.sacl.clear();
-  EXPECT_EQ(Read(dir.Win("f"), OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION),
-            SelfRelative(part));
-
-  // The read-only attribute (owner write bit) leaves it in force; another
-  // change of mode means the host state is what counts now.
-  chmod(dir.Host("f").c_str(), 0500);
-  EXPECT_EQ(Read(dir.Win("f"), kAll), given);
-  chmod(dir.Host("f").c_str(), 0540);
-  Bytes now = Read(dir.Win("f"), kAll);
-  PSID owner = nullptr;
-  BOOL defaulted = FALSE;
-  ASSERT_TRUE(GetSecurityDescriptorOwner(now.data(), &owner, &defaulted));
-  Bytes hostOwner = Sid(22, {1, geteuid()});
-  EXPECT_TRUE(EqualSid(owner, hostOwner.data()));
-}
-
-// Through the file calls that take security attributes; the read-only
-// attribute, which takes away write bits, leaves the descriptor in force.
-TEST(FileSecurity, CreationThroughTheFileCallsAndReadOnly) {
+// A descriptor given to CreateFileW and CreateDirectoryW sets the mode.
+TEST(FileSecurity, CreationThroughTheFileCalls) {
   test::TempDir dir;
   Layout l;
   l.owner = Sid(22, {1, geteuid()});
@@ -158,28 +79,15 @@ TEST(FileSecurity, CreationThroughTheFileCallsAndReadOnly) {
                 Ace(0, 0, GENERIC_READ, Everyone())});
   Bytes given = SelfRelative(l);
   SECURITY_ATTRIBUTES sa{sizeof(SECURITY_ATTRIBUTES), given.data(), FALSE};
-  HANDLE file = CreateFileW(dir.Win("f").c_str(), GENERIC_WRITE, 0, &sa, CREATE_NEW,
-                            FILE_ATTRIBUTE_NORMAL, nullptr);
-  ASSERT_NE(file, INVALID_HANDLE_VALUE);
-  CloseHandle(file);
+  CloseHandle(CreateFileW(dir.Win("f").c_str(), GENERIC_WRITE, 0, &sa, CREATE_NEW,
+                          FILE_ATTRIBUTE_NORMAL, nullptr));
   ASSERT_TRUE(CreateDirectoryW(dir.Win("d").c_str(), &sa));
   for (const char* name : {"f", "d"}) {
-    EXPECT_EQ(ModeOf(dir.Host(name)), 0764u) << name;
-    ASSERT_TRUE(SetFileAttributesW(dir.Win(name).c_str(), FILE_ATTRIBUTE_READONLY));
+    struct stat st {};
+    ASSERT_EQ(stat(dir.Host(name).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0764u) << name;
     EXPECT_EQ(Read(dir.Win(name), kOwnerGroupDacl), given) << name;
   }
-
-  talvern::SetPrivilegeHeld(WTEXT("SeSecurityPrivilege"), FALSE);
-  Bytes withSacl = SelfRelative(WindowsLayout());
-  sa.lpSecurityDescriptor = withSacl.data();
-  EXPECT_EQ(CreateFileW(dir.Win("g").c_str(), GENERIC_WRITE, 0, &sa, CREATE_NEW,
-                        FILE_ATTRIBUTE_NORMAL, nullptr),
-            INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_PRIVILEGE_NOT_HELD);
-  EXPECT_FALSE(CreateDirectoryW(dir.Win("e").c_str(), &sa));
-  EXPECT_EQ(GetLastError(), ERROR_PRIVILEGE_NOT_HELD);
-  EXPECT_FALSE(test::Exists(dir.Host("g")));
-  EXPECT_FALSE(test::Exists(dir.Host("e")));
 }
 
 TEST(FileSecurity, OwnerGroupAndRefusals) {
@@ -197,6 +105,16 @@ TEST(FileSecurity, OwnerGroupAndRefusals) {
     EXPECT_EQ(st.st_uid, 4321u);
     EXPECT_EQ(st.st_gid, 8765u);
     EXPECT_EQ(Read(dir.Win("f"), kOwnerGroupDacl), sd);
+    // Only the group given: the owner stays.
+    test::WriteFile(dir.Host("g"), "x");
+    Layout groupOnly;
+    groupOnly.group = Sid(22, {2, 8765});
+    const Bytes g = SelfRelative(groupOnly);
+    ASSERT_EQ(ApplySecurityOnCreate(dir.Host("g"), false, const_cast<BYTE*>(g.data())),
+              ERROR_SUCCESS);
+    stat(dir.Host("g").c_str(), &st);
+    EXPECT_EQ(st.st_uid, geteuid());
+    EXPECT_EQ(st.st_gid, 8765u);
   }
 
   // An owner the process may not give: 1307, checked as an ordinary user.
@@ -225,6 +143,19 @@ TEST(FileSecurity, OwnerGroupAndRefusals) {
   withSacl[0] = 3;
   EXPECT_EQ(ApplySecurityOnCreate(dir.Host("f"), false, withSacl.data()),
             ERROR_INVALID_SECURITY_DESCR);
+}
+
+TEST(Privileges, LookupNames) {
+  LUID luid{};
+  ASSERT_TRUE(LookupPrivilegeValueW(nullptr, WTEXT("sesecurityPRIVILEGE"), &luid));
+  EXPECT_EQ(luid.LowPart, 8u);
+  EXPECT_EQ(luid.HighPart, 0);
+  ASSERT_TRUE(LookupPrivilegeValueW(WTEXT(""), WTEXT("SeBackupPrivilege"), &luid));
+  EXPECT_EQ(luid.LowPart, 17u);
+  EXPECT_FALSE(LookupPrivilegeValueW(nullptr, WTEXT("SeNoSuchPrivilege"), &luid));
+  EXPECT_EQ(GetLastError(), ERROR_NO_SUCH_PRIVILEGE);
+  EXPECT_FALSE(LookupPrivilegeValueW(WTEXT("elsewhere"), WTEXT("SeSecurityPrivilege"), &luid));
+  EXPECT_EQ(GetLastError(), RPC_S_SERVER_UNAVAILABLE);
 }
 
 } // namespace

@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
-#include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,16 +31,6 @@ int ExitCodeOf(int status) {
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
   return -1;
-}
-
-std::size_t CountQuestions(const std::string& text) {
-  std::size_t count = 0;
-  for (const char* marker : {"stop: ", "[c]ancel: "}) {
-    for (std::size_t at = text.find(marker); at != std::string::npos;
-         at = text.find(marker, at + 1))
-      ++count;
-  }
-  return count;
 }
 
 } // namespace
@@ -96,49 +85,6 @@ RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
   if (open > 0) kill(pid, SIGKILL);
   for (const pollfd& f : fds)
     if (f.fd >= 0) close(f.fd);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  result.exitCode = ExitCodeOf(status);
-  return result;
-}
-
-RunResult RunOnTerminal(const std::vector<std::string>& args, const std::string& cwd,
-                        const std::vector<std::string>& answers) {
-  std::string tool;
-  std::vector<char*> argv = Argv(args, tool);
-  winsize size{};
-  size.ws_row = 30;
-  size.ws_col = 120;
-  int master = -1;
-  const pid_t pid = forkpty(&master, nullptr, nullptr, &size);
-  if (pid < 0) return {};
-  if (pid == 0) {
-    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  RunResult result;
-  std::size_t answered = 0;
-  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-  bool finished = false;
-  while (!finished && std::chrono::steady_clock::now() < deadline) {
-    pollfd fd{master, POLLIN, 0};
-    if (poll(&fd, 1, 200) <= 0) continue;
-    char buffer[4096];
-    const ssize_t n = read(master, buffer, sizeof buffer);
-    if (n <= 0) {
-      finished = true; // EIO once the tool has gone
-      break;
-    }
-    result.out.append(buffer, static_cast<std::size_t>(n));
-    while (CountQuestions(result.out) > answered) {
-      const std::string line = (answered < answers.size() ? answers[answered] : "q") + "\n";
-      ++answered;
-      if (write(master, line.data(), line.size()) < 0) break;
-    }
-  }
-  if (!finished) kill(pid, SIGKILL);
-  close(master);
   int status = 0;
   waitpid(pid, &status, 0);
   result.exitCode = ExitCodeOf(status);

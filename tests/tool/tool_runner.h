@@ -1,6 +1,5 @@
-// Runs the built talvern tool for the end-to-end tests: with pipes (no
-// terminal at all), or on a pseudo-terminal with answers typed at its
-// questions.
+// Runs the built talvern tool for the end-to-end tests, with pipes (no
+// terminal at all).
 #pragma once
 
 #include <functional>
@@ -25,11 +24,5 @@ std::string ToolPath();
 RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
               const std::vector<std::string>& env = {}, int signal = 0,
               const std::function<bool()>& when = {});
-
-// Runs the tool on a pseudo-terminal. Each time the output shows one more
-// question (a line ending in ": " after "stop" or "[c]ancel"), the next
-// answer is typed, followed by Enter.
-RunResult RunOnTerminal(const std::vector<std::string>& args, const std::string& cwd,
-                        const std::vector<std::string>& answers);
 
 } // namespace tooltest

@@ -43,19 +43,6 @@ TEST(VolumeNames, DiskFoldersAdvance) {
   EXPECT_EQ(Named("C:DISK1\\B", 1, 1), "C:DISK2\\B.001"); // ":" also separates
 }
 
-TEST(VolumeNames, FoldersThatDoNotAdvance) {
-  EXPECT_EQ(Named("C:\\OUT\\DISK1A\\B", 1, 1), "C:\\OUT\\DISK1A\\B.001");
-  EXPECT_EQ(Named("C:\\OUT\\FLOPPY1\\B", 1, 1), "C:\\OUT\\FLOPPY1\\B.001");
-  EXPECT_EQ(Named("C:\\OUT\\DISKETTE\\B", 1, 1), "C:\\OUT\\DISKETTE\\B.001");
-  EXPECT_EQ(Named("C:\\OUT\\DIS\\B", 1, 1), "C:\\OUT\\DIS\\B.001");
-  EXPECT_EQ(Named("C:\\B", 1, 1), "C:\\B.001");
-  EXPECT_EQ(Named("B", 1, 1), "B.001");
-  EXPECT_EQ(Named("DISK1\\B", 1, 1), "DISK1\\B.001"); // no folder start before it
-  // A character outside the basic plane among the first four.
-  EXPECT_EQ(Named("C:\\DIS\U0001F600\\B", 1, 1), "C:\\DIS\U0001F600\\B.001");
-  EXPECT_EQ(Named("C:\\DISK1\U0001F600\\B", 1, 1), "C:\\DISK1\U0001F600\\B.001");
-}
-
 TEST(VolumeNames, FolderNumbersAtTheirLimits) {
   // 19 digits fit; the number is a 32-bit count.
   EXPECT_EQ(Named("C:\\DISK0000000000000000009\\B", 1, 1), "C:\\DISK0000000000000000010\\B.001");
