@@ -2,12 +2,14 @@
 
 #include "support/test_support.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
+#include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -85,6 +87,46 @@ RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
   if (open > 0) kill(pid, SIGKILL);
   for (const pollfd& f : fds)
     if (f.fd >= 0) close(f.fd);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  result.exitCode = ExitCodeOf(status);
+  return result;
+}
+
+RunResult RunOnTerminal(const std::vector<std::string>& args, const std::string& cwd,
+                        const std::vector<std::string>& answers) {
+  std::string tool;
+  std::vector<char*> argv = Argv(args, tool);
+  winsize size{30, 120, 0, 0};
+  int master = -1;
+  const pid_t pid = forkpty(&master, nullptr, nullptr, &size);
+  if (pid < 0) return {};
+  if (pid == 0) {
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  RunResult result;
+  std::size_t answered = 0, seen = 0;
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  bool gone = false;
+  while (!gone && std::chrono::steady_clock::now() < deadline) {
+    pollfd fd{master, POLLIN, 0};
+    if (poll(&fd, 1, 200) <= 0) continue;
+    char buffer[4096];
+    const ssize_t n = read(master, buffer, sizeof buffer);
+    if ((gone = n <= 0)) break; // EIO once the tool has gone
+    result.out.append(buffer, static_cast<std::size_t>(n));
+    for (std::size_t at; (at = std::min(result.out.find("stop: ", seen),
+                                        result.out.find("[c]ancel: ", seen))) != std::string::npos;
+         seen = at + 1) {
+      const std::string line = (answered < answers.size() ? answers[answered] : "q") + "\n";
+      ++answered;
+      if (write(master, line.data(), line.size()) < 0) break;
+    }
+  }
+  close(master);
+  if (!gone) kill(pid, SIGKILL);
   int status = 0;
   waitpid(pid, &status, 0);
   result.exitCode = ExitCodeOf(status);

@@ -1,5 +1,6 @@
-// Runs the built talvern tool for the end-to-end tests, with pipes (no
-// terminal at all).
+// Runs the built talvern tool for the end-to-end tests: with pipes (no
+// terminal at all), or on a pseudo-terminal with answers typed at its
+// questions.
 #pragma once
 
 #include <functional>
@@ -24,5 +25,10 @@ std::string ToolPath();
 RunResult Run(const std::vector<std::string>& args, const std::string& cwd,
               const std::vector<std::string>& env = {}, int signal = 0,
               const std::function<bool()>& when = {});
+
+// Runs the tool on a pseudo-terminal (all it shows lands in out), typing the
+// next answer and Enter at each question ("stop: ", "[c]ancel: "), then "q".
+RunResult RunOnTerminal(const std::vector<std::string>& args, const std::string& cwd,
+                        const std::vector<std::string>& answers);
 
 } // namespace tooltest
