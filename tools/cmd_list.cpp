@@ -176,9 +176,9 @@ int RunList(Session& session) {
     return code;
   }
   if (code == kExitOk && !o.quiet) {
-    std::printf("%llu files, %llu folders: %s, packed %s (%s)\n",
-                static_cast<unsigned long long>(summary.totals.files),
-                static_cast<unsigned long long>(summary.totals.folders),
+    std::printf("%s, %s: %s, packed %s (%s)\n",
+                Counted(summary.totals.files, "file", "files").c_str(),
+                Counted(summary.totals.folders, "folder", "folders").c_str(),
                 HumanSize(summary.totals.bytes).c_str(), HumanSize(summary.totals.packed).c_str(),
                 Ratio(summary.totals.packed, summary.totals.bytes).c_str());
   }
@@ -226,9 +226,9 @@ int RunInfo(Session& session) {
   if (volumes.size() > 1 || o.verbose)
     for (const VolumeInfo& v : volumes)
       std::printf("          %s  %s\n", v.hostPath.c_str(), HumanSize(v.size).c_str());
-  std::printf("entries   %llu (%llu files, %llu folders)\n",
-              static_cast<unsigned long long>(t.files + t.folders),
-              static_cast<unsigned long long>(t.files), static_cast<unsigned long long>(t.folders));
+  std::printf("entries   %llu (%s, %s)\n", static_cast<unsigned long long>(t.files + t.folders),
+              Counted(t.files, "file", "files").c_str(),
+              Counted(t.folders, "folder", "folders").c_str());
   std::printf("size      %s (%s bytes)\n", HumanSize(t.bytes).c_str(),
               GroupedNumber(t.bytes).c_str());
   std::printf("packed    %s (%s bytes)\n", HumanSize(t.packed).c_str(),

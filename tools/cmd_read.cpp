@@ -100,9 +100,8 @@ int ExtractSelected(Session& session, Host& host, const CString& target, std::ve
     // anything is made for it: the other picks go on.
     if (host.GetErrorCode() != ERROR_BAD_PATHNAME) return 0;
     const std::string path = EntryPath(entry);
-    host.ReportFailure(
-        {path.empty() ? "(an entry without a name)" : path, ERROR_BAD_PATHNAME,
-         Activity::ExtractEntry});
+    host.ReportFailure({path.empty() ? "(an entry without a name)" : path, ERROR_BAD_PATHNAME,
+                        Activity::ExtractEntry});
     host.ClearError();
   }
   if (host.IsOpen() && !host.Close()) return 0;
@@ -139,10 +138,8 @@ int RunExtract(Session& session) {
   }
 
   const Totals& done = host.Done();
-  std::string summary =
-      "extracted " + std::to_string(done.files) + (done.files == 1 ? " file" : " files");
-  if (done.folders)
-    summary += ", " + std::to_string(done.folders) + (done.folders == 1 ? " folder" : " folders");
+  std::string summary = "extracted " + Counted(done.files, "file", "files");
+  if (done.folders) summary += ", " + Counted(done.folders, "folder", "folders");
   summary += " (" + HumanSize(done.bytes) + ") to " + ToHostPath(target) + " in " +
              Seconds(session.progress.Seconds());
   session.Result(summary);

@@ -47,9 +47,8 @@ bool MakeItem(const CString& full, Item& item) {
 }
 
 std::string SizesText(const Totals& done) {
-  std::string text = std::to_string(done.files) + (done.files == 1 ? " file" : " files");
-  if (done.folders)
-    text += ", " + std::to_string(done.folders) + (done.folders == 1 ? " folder" : " folders");
+  std::string text = Counted(done.files, "file", "files");
+  if (done.folders) text += ", " + Counted(done.folders, "folder", "folders");
   text += ", " + HumanSize(done.bytes) + " -> " + HumanSize(done.packed) + " (" +
           Ratio(done.packed, done.bytes) + ")";
   return text;

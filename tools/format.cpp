@@ -94,6 +94,10 @@ std::string MethodName(DWORD method) {
   return "method " + std::to_string(method);
 }
 
+std::string Counted(std::uint64_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
 std::string Ratio(std::uint64_t packed, std::uint64_t original) {
   if (original == 0) return "-";
   char text[32];

@@ -12,6 +12,8 @@ namespace tool {
 std::string HumanSize(std::uint64_t bytes);
 // "1,234,567".
 std::string GroupedNumber(std::uint64_t value);
+// "1 file", "3 files": a count with its noun, singular for one.
+std::string Counted(std::uint64_t count, const char* one, const char* many);
 // "0:03", "1:02:03".
 std::string Duration(double seconds);
 // "2024-05-01 10:00:00" (UTC); "-" for a zero time.

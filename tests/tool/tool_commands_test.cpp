@@ -101,6 +101,13 @@ TEST_F(ToolTest, CreateListTestExtractGivesTheSameTree) {
   r = Ok({"extract", "sample.arc", "out"});
   EXPECT_TRUE(Contains(r.out, "extracted 36 files, 14 folders")) << r.out;
   EXPECT_EQ(test::CompareTrees(Tree(), Path("out"), false), "");
+
+  // One of each is counted in the singular everywhere.
+  test::WriteFile(Path("solo/d/x.txt"), "x");
+  Ok({"create", "solo.arc", "solo"});
+  EXPECT_TRUE(Contains(Ok({"info", "solo.arc"}).out, "entries   2 (1 file, 1 folder)"));
+  EXPECT_TRUE(Contains(Ok({"list", "solo.arc"}).out, "1 file, 1 folder:"));
+  EXPECT_TRUE(Contains(Ok({"extract", "solo.arc", "solo-out"}).out, "extracted 1 file, 1 folder"));
 }
 
 TEST_F(ToolTest, AddAndNumberedVolumesRoundTripFromAnyVolume) {
