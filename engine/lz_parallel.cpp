@@ -154,31 +154,39 @@ public:
   // The offset of the next byte the engine reads.
   std::size_t ReadEnd() const { return readEnd_; }
 
-  // One turn of the one engine's loop: a literal or a match is written (to
-  // bits, when given) and the strings it covers are entered.
-  void Turn(Bits* bits) {
-    unsigned lastLen = t_.matchLen;
-    const unsigned lastPos = t_.matchPos;
-    Advance();
-    UpdateTree(t_);
-    if (t_.matchLen > remainder_) t_.matchLen = remainder_;
-    if (t_.matchLen > lastLen || lastLen < kMin) {
-      if (bits) bits->Put(9, text_[t_.pos - 1]);
-      return;
-    }
-    if (bits)
-      bits->Put(9 + kPositionBits,
-                ((lastLen - kMin + 256) << kPositionBits) | ((t_.pos - lastPos - 2) & (kN - 1)));
-    while (--lastLen != 0) {
-      Advance();
-      UpdateTree(t_);
-    }
-    if (t_.matchLen > remainder_) t_.matchLen = remainder_;
-  }
-
-  // Turns until the code boundary is at or beyond `offset`, or the data ends.
+  // Turns of the one engine's loop until the code boundary is at or beyond
+  // `offset`, or the data ends: each writes a literal or a match (to bits,
+  // when given) and enters the strings it covers. The loop works on a copy
+  // of the tree's state, which stays in registers as in the one engine.
   void RunTo(std::size_t offset, Bits* bits) {
-    while (!AtEnd() && Boundary() < offset) Turn(bits);
+    Tree<DriverShape> t = t_;
+    unsigned remainder = remainder_;
+    const auto advance = [&] {
+      ++t.pos;
+      --remainder;
+      if (t.pos == 2 * kN) Slide(t, remainder);
+    };
+    while (remainder != 0 && static_cast<std::size_t>(origin_ + t.pos) < offset) {
+      unsigned lastLen = t.matchLen;
+      const unsigned lastPos = t.matchPos;
+      advance();
+      UpdateTree(t);
+      if (t.matchLen > remainder) t.matchLen = remainder;
+      if (t.matchLen > lastLen || lastLen < kMin) {
+        if (bits) bits->Put(9, text_[t.pos - 1]);
+        continue;
+      }
+      if (bits)
+        bits->Put(9 + kPositionBits,
+                  ((lastLen - kMin + 256) << kPositionBits) | ((t.pos - lastPos - 2) & (kN - 1)));
+      while (--lastLen != 0) {
+        advance();
+        UpdateTree(t);
+      }
+      if (t.matchLen > remainder) t.matchLen = remainder;
+    }
+    t_ = t;
+    remainder_ = remainder;
   }
 
   // What decides the codes from the current boundary on, besides the data.
@@ -266,19 +274,16 @@ private:
     UpdateTree(t_);
     if (t_.matchLen > remainder_) t_.matchLen = remainder_;
   }
-  // The next position; the window slides at its end as the one engine's does.
-  void Advance() {
-    ++t_.pos;
-    --remainder_;
-    if (t_.pos == 2 * kN) {
-      std::memmove(text_.get(), text_.get() + kN, std::size_t{kN} + kMax);
-      const std::size_t got = std::min<std::size_t>(kN, size_ - readEnd_);
-      if (got != 0) std::memcpy(text_.get() + kN + kMax, input_.At(readEnd_), got);
-      readEnd_ += got;
-      remainder_ += static_cast<unsigned>(got);
-      t_.pos = kN;
-      origin_ += kN;
-    }
+  // The window slides at its end as the one engine's does: the next block
+  // of the data comes in behind the look-ahead.
+  TALVERN_NOINLINE void Slide(Tree<DriverShape>& t, unsigned& remainder) {
+    std::memmove(text_.get(), text_.get() + kN, std::size_t{kN} + kMax);
+    const std::size_t got = std::min<std::size_t>(kN, size_ - readEnd_);
+    if (got != 0) std::memcpy(text_.get() + kN + kMax, input_.At(readEnd_), got);
+    readEnd_ += got;
+    remainder += static_cast<unsigned>(got);
+    t.pos = kN;
+    origin_ += kN;
   }
 
   std::unique_ptr<std::uint8_t[]> block_;
