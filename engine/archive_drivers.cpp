@@ -3,6 +3,7 @@
 #include <talvern/archive.h>
 
 #include "archive/archive_data.h"
+#include "archive/volume_io.h"
 #include "engine/block.h"
 #include "engine/code_format1.h"
 #include "engine/compress_ahead.h"
@@ -147,21 +148,16 @@ bool CompressOnThreads(DWORD& error, const ProgressTarget& hook, const DriverFil
   error = ERROR_SUCCESS;
   const auto source = [&](std::uint8_t* buffer, std::size_t want) {
     while (want != 0) {
-      DWORD got = 0;
       const DWORD piece = static_cast<DWORD>(std::min<std::size_t>(want, 1u << 20));
-      if (!ReadFile(files.Source(), buffer, piece, &got, nullptr)) {
+      // A short read: the file is shorter than when it was examined.
+      if (!volume_io::ReadAll(files.Source(), buffer, piece, ERROR_WRITE_FAULT)) {
         error = GetLastError();
         return false;
       }
-      if (got == 0) {
-        // The file is shorter than when it was examined.
-        error = ERROR_WRITE_FAULT;
-        return false;
-      }
-      crc = talvern::engine::Crc32Update(crc, buffer, got);
-      buffer += got;
-      want -= got;
-      done += got;
+      crc = talvern::engine::Crc32Update(crc, buffer, piece);
+      buffer += piece;
+      want -= piece;
+      done += piece;
     }
     for (DWORD n = 0; reads.Next(done, n);) {
       notifier.ReadNotify(n);
@@ -173,10 +169,8 @@ bool CompressOnThreads(DWORD& error, const ProgressTarget& hook, const DriverFil
     return true;
   };
   const auto sink = [&](const std::uint8_t* bytes, std::size_t n) {
-    DWORD written = 0;
-    if (WriteFile(files.Target(), bytes, static_cast<DWORD>(n), &written, nullptr) && written == n)
-      return true;
-    error = GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_DISK_FULL;
+    if (volume_io::WriteAll(files.Target(), bytes, static_cast<DWORD>(n))) return true;
+    error = GetLastError();
     return false;
   };
   if (!talvern::engine::CompressParallel(static_cast<std::size_t>(size), source, threads, sink)) {

@@ -29,10 +29,10 @@ TEST(Strings, WsprintfConversionsFlagsAndWidths) {
   EXPECT_EQ(Format(u"%s", static_cast<const WCHAR*>(nullptr)), "(null)");
   EXPECT_EQ(Format(u"%I64u", std::uint64_t{1} << 40), "1099511627776");
   // The disk-folder format built at run time: "%%0%lulu" filled with 3.
-  WCHAR spec[16];
-  wsprintfW(spec, u"%%0%lulu", 3u);
-  EXPECT_EQ(N(spec), "%03lu");
-  EXPECT_EQ(Format(spec, 8u), "008");
+  WCHAR format[16];
+  wsprintfW(format, u"%%0%lulu", 3u);
+  EXPECT_EQ(N(format), "%03lu");
+  EXPECT_EQ(Format(format, 8u), "008");
   // Output stops at 1024 units, terminator included.
   const CString longText(2000, u'x');
   EXPECT_EQ(Format(u"%s", longText.c_str()).size(), 1023u);

@@ -15,13 +15,13 @@ constexpr DWORD kRW = GENERIC_READ | GENERIC_WRITE;
 
 talvern::MediumSpec Medium(const test::TempDir& dir, const std::string& name, DWORD serial,
                            std::uint64_t capacity = 0) {
-  talvern::MediumSpec spec;
-  spec.HostDir = dir.Host(name);
-  spec.Serial = serial;
-  spec.Label = test::W("LABEL_" + name);
-  spec.FileSystemFlags = 0x0006;
-  spec.Capacity = capacity;
-  return spec;
+  talvern::MediumSpec medium;
+  medium.HostDir = dir.Host(name);
+  medium.Serial = serial;
+  medium.Label = test::W("LABEL_" + name);
+  medium.FileSystemFlags = 0x0006;
+  medium.Capacity = capacity;
+  return medium;
 }
 
 HANDLE Create(const CString& path, DWORD disposition = CREATE_ALWAYS) {
