@@ -5,6 +5,7 @@
 #include "engine/lz_tree.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -46,60 +47,92 @@ struct Bits {
     if (i < bytes.size() * 8) return (bytes[i / 8] >> (7 - i % 8)) & 1u;
     return static_cast<unsigned>(pending >> (count - 1 - (i - bytes.size() * 8))) & 1u;
   }
-  // Appends the bits [from, to) of other.
+  // Appends the bits [from, to) of other. Whole bytes go over a byte at a
+  // time, shifted into place when this stream does not end on a byte.
   void Append(const Bits& other, std::uint64_t from, std::uint64_t to) {
     while (from < to && from % 8 != 0) Put(1, other.Bit(from++));
     const std::uint64_t whole = std::min<std::uint64_t>(to, other.bytes.size() * 8);
-    if (count == 0 && from < whole) {
-      bytes.insert(bytes.end(), other.bytes.begin() + static_cast<std::ptrdiff_t>(from / 8),
-                   other.bytes.begin() + static_cast<std::ptrdiff_t>(whole / 8));
-      from = whole;
+    if (from < whole) {
+      const std::uint8_t* in = other.bytes.data() + from / 8;
+      const std::size_t n = static_cast<std::size_t>((whole - from) / 8);
+      const std::size_t old = bytes.size();
+      bytes.resize(old + n);
+      std::uint8_t* out = bytes.data() + old;
+      if (count == 0) {
+        std::memcpy(out, in, n);
+      } else {
+        const unsigned keep = 8 - count;
+        unsigned carry = static_cast<unsigned>(pending & ((1u << count) - 1));
+        for (std::size_t i = 0; i < n; ++i) {
+          out[i] = static_cast<std::uint8_t>((carry << keep) | (in[i] >> count));
+          carry = in[i] & ((1u << count) - 1);
+        }
+        pending = carry;
+      }
+      from += std::uint64_t{n} * 8;
     }
-    for (; from + 8 <= whole; from += 8) Put(8, other.bytes[from / 8]);
     while (from < to) Put(1, other.Bit(from++));
   }
 };
 
 // The data the engines read: all of it in memory, or a stretch of a stream
-// that is moved on between rounds, while no engine runs. Engines ask for
-// bytes by their offsets in the data.
+// held in a buffer that never moves while engines run. Between rounds the
+// stretch is moved on (Hold); during a round the calling thread may read
+// ahead into the room behind it (ReadAhead), which no engine looks at yet.
+// Engines ask for bytes by their offsets in the data.
 class Window {
 public:
   Window(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
   Window(std::size_t size, const ParallelSource& source, std::size_t room)
-      : size_(size), source_(&source) {
-    buffer_.reserve(room);
+      : size_(size), source_(&source), room_(room), buffer_(new (std::nothrow) std::uint8_t[room]) {
+    data_ = buffer_.get();
   }
+  bool Ok() const { return source_ == nullptr || buffer_ != nullptr; }
 
   std::size_t Size() const { return size_; }
   const std::uint8_t* At(std::size_t offset) const { return data_ + (offset - base_); }
 
   // Keeps the bytes [from, to) (to cut at the data's end) and nothing
-  // before `from`; false when the source failed.
+  // before `from`; false when the source failed. Only while no engine runs.
   bool Hold(std::size_t from, std::size_t to) {
     if (source_ == nullptr) return true;
-    to = std::min(to, size_);
-    const std::size_t have = base_ + buffer_.size();
     if (from > base_) {
-      const std::size_t drop = std::min(from, have) - base_;
-      buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(drop));
+      const std::size_t drop = std::min(from, base_ + filled_) - base_;
+      std::memmove(buffer_.get(), buffer_.get() + drop, filled_ - drop);
+      filled_ -= drop;
       base_ += drop;
     }
-    if (to > have) {
-      const std::size_t old = buffer_.size();
-      buffer_.resize(old + (to - have));
-      if (!(*source_)(buffer_.data() + old, to - have)) return false;
-    }
-    data_ = buffer_.data();
+    return Read(std::min(to, size_));
+  }
+
+  // Reads on towards offset `to` a piece at a time while `more` says so and
+  // the room lasts; false when the source failed.
+  template <class More> bool ReadAhead(std::size_t to, More more) {
+    if (source_ == nullptr) return true;
+    to = std::min({to, size_, base_ + room_});
+    constexpr std::size_t kPiece = std::size_t{128} << 10;
+    while (base_ + filled_ < to && more())
+      if (!Read(std::min(to, base_ + filled_ + kPiece))) return false;
     return true;
   }
 
 private:
+  // Reads the bytes up to offset `to`, which the room must hold.
+  bool Read(std::size_t to) {
+    const std::size_t have = base_ + filled_;
+    if (to <= have) return true;
+    if (to - base_ > room_ || !(*source_)(buffer_.get() + filled_, to - have)) return false;
+    filled_ = to - base_;
+    return true;
+  }
+
   const std::uint8_t* data_ = nullptr;
   std::size_t base_ = 0; // the offset of data_[0]
   std::size_t size_;
   const ParallelSource* source_ = nullptr;
-  std::vector<std::uint8_t> buffer_;
+  std::size_t room_ = 0;
+  std::size_t filled_ = 0;
+  std::unique_ptr<std::uint8_t[]> buffer_;
 };
 
 // Bytes past an engine's code boundary that it may read before it stops at
@@ -362,13 +395,24 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
     if (!input.Hold(std::min(exact->ReadEnd(), start(k + 1) - history - kN),
                     end(last) + kReadAhead))
       return false;
+    // The calling thread, done with its chunk before the workers (they
+    // prime their engines first), reads the next round's data meanwhile.
+    bool readOk = true;
     {
+      std::atomic<std::size_t> busy{workers.size()};
       std::vector<std::thread> running;
       for (std::size_t i = 0; i < workers.size(); ++i)
-        running.emplace_back([&, i] { workers[i].Run(start(k + 1 + i), end(k + 1 + i), history); });
+        running.emplace_back([&, i] {
+          workers[i].Run(start(k + 1 + i), end(k + 1 + i), history);
+          busy.fetch_sub(1, std::memory_order_release);
+        });
       exact->RunTo(end(k), &exactBits);
+      const std::size_t next = std::min<std::size_t>(last + threads, chunks - 1);
+      readOk = input.ReadAhead(end(next) + kReadAhead,
+                               [&] { return busy.load(std::memory_order_acquire) != 0; });
       for (std::thread& thread : running) thread.join();
     }
+    if (!readOk) return false;
     // Join the workers in order to the exact engine.
     for (std::size_t i = 0; i < workers.size(); ++i) {
       Worker& worker = workers[i];
@@ -424,10 +468,13 @@ bool CompressParallel(const std::uint8_t* input, std::size_t size, unsigned thre
 bool CompressParallel(std::size_t size, const ParallelSource& source, unsigned threads,
                       const ParallelSink& sink, ParallelReport* report, ParallelShape shape) {
   // A round holds a chunk per thread, the first worker's history and what
-  // the engines read past the round's end.
-  const std::size_t room = std::size_t{std::max(threads, 1u)} * shape.chunk + shape.history +
-                           std::size_t{kN} + 2 * kReadAhead;
+  // the engines read past the round's end; the next round's chunks are
+  // read into the room behind it.
+  const std::size_t room =
+      2 * std::size_t{std::max(threads, 1u)} * std::max(shape.chunk, std::size_t{1} << 20) +
+      shape.history + std::size_t{kN} + 2 * kReadAhead;
   Window window(size, source, std::min(room, size));
+  if (!window.Ok()) return false;
   return Compress(window, threads, sink, report, shape);
 }
 

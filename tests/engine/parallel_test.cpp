@@ -18,10 +18,11 @@ using talvern::engine::ParallelReport;
 using talvern::engine::ParallelShape;
 
 // From the data in memory, or (streamed) handed over a stretch at a time,
-// as a file is read; a stream stops after `failAfter` bytes.
+// as a file is read; a stream stops after `failAfter` bytes and counts in
+// `askedAfterStop` the calls that still came.
 bool CompressParallel(const Bytes& data, unsigned threads, Bytes& out, ParallelReport* report,
-                      ParallelShape shape, bool streamed = false,
-                      std::size_t failAfter = SIZE_MAX) {
+                      ParallelShape shape, bool streamed = false, std::size_t failAfter = SIZE_MAX,
+                      int* askedAfterStop = nullptr) {
   const auto sink = [&](const std::uint8_t* bytes, std::size_t count) {
     out.insert(out.end(), bytes, bytes + count);
     return true;
@@ -30,8 +31,10 @@ bool CompressParallel(const Bytes& data, unsigned threads, Bytes& out, ParallelR
     return talvern::engine::CompressParallel(data.data(), data.size(), threads, sink, report,
                                              shape);
   std::size_t read = 0;
+  bool stopped = false;
   const auto source = [&](std::uint8_t* buffer, std::size_t count) {
-    if (count > data.size() - read || read + count > failAfter) return false;
+    if (stopped && askedAfterStop != nullptr) ++*askedAfterStop;
+    if (count > data.size() - read || read + count > failAfter) return !(stopped = true);
     std::memcpy(buffer, data.data() + read, count);
     read += count;
     return true;
@@ -82,11 +85,14 @@ TEST(ParallelTest, WritesTheOneEngineStream) {
       }
     }
   // A source that fails stops the work, whether the workers or the exact
-  // engine alone were reading.
+  // engine alone were reading, and is not asked again (a host that refused
+  // hears no more).
   for (const std::size_t failAfter : {std::size_t{100}, data.size() / 2, data.size() - 1}) {
     Bytes parallel;
+    int askedAfterStop = 0;
     EXPECT_FALSE(CompressParallel(data, 2, parallel, nullptr, ParallelShape{5 * 8192, 16384}, true,
-                                  failAfter));
+                                  failAfter, &askedAfterStop));
+    EXPECT_EQ(askedAfterStop, 0) << failAfter;
   }
 }
 
