@@ -360,11 +360,15 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
   const std::size_t history = shape.history;
   const bool shaped = chunk % kN == 0 && history % kN == 0 && history >= kN &&
                       chunk >= history + 2 * std::size_t{kN};
-  // Chunk k > 0 starts 256 bytes before k chunks, where the window slides.
-  const auto start = [&](std::size_t k) { return k * chunk - kMax; };
-  std::size_t chunks = 1;
-  if (shaped && threads > 1)
-    while (start(chunks) < size) ++chunks;
+  // Every chunk but the first starts 256 bytes before a slide of the
+  // window. In a round the exact engine's chunk is `lead` bytes longer than
+  // a worker's, since a worker first primes its engine with `history` bytes
+  // (the calling thread reads the data while it would wait for the rest).
+  const std::size_t lead = history / 2 / kN * kN;
+  const auto exactEnd = [&](std::size_t from) {
+    return from == 0 ? chunk + lead - kMax : from + chunk + lead;
+  };
+  const bool split = shaped && threads > 1;
 
   // The joined stream; its whole bytes go to the sink piece by piece.
   Bits result;
@@ -380,35 +384,36 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
   exact->StartAtBeginning();
   Bits exactBits;
   std::uint64_t exactFrom = 0;
-  const auto end = [&](std::size_t k) { return k + 1 < chunks ? start(k + 1) : size; };
 
-  std::size_t k = 0; // the chunk the exact engine is at the start of
-  while (k + 1 < chunks) {
-    const std::size_t last = std::min<std::size_t>(k + threads - 1, chunks - 1);
-    std::vector<Worker> workers(last - k);
+  // Rounds while a worker's chunk starts before the data's end.
+  for (std::size_t from = 0; split && exactEnd(from) < size;) {
+    std::vector<std::size_t> starts; // of the workers' chunks, then the round's end
+    for (std::size_t at = exactEnd(from); at < size && starts.size() + 1 < threads; at += chunk)
+      starts.push_back(at);
+    const std::size_t roundEnd = std::min(starts.back() + chunk, size);
+    starts.push_back(roundEnd);
+    std::vector<Worker> workers(starts.size() - 1);
     for (Worker& worker : workers) {
       worker.engine = std::make_unique<Engine>(input);
       if (!worker.engine->Ok()) return false;
     }
     // What the round reads: the exact engine from where it stands, the
     // workers from their histories on, all of them up to the round's end.
-    if (!input.Hold(std::min(exact->ReadEnd(), start(k + 1) - history - kN),
-                    end(last) + kReadAhead))
+    if (!input.Hold(std::min(exact->ReadEnd(), starts[0] - history - kN), roundEnd + kReadAhead))
       return false;
-    // The calling thread, done with its chunk before the workers (they
-    // prime their engines first), reads the next round's data meanwhile.
+    // The calling thread, done with its chunk before the workers, reads the
+    // next round's data meanwhile.
     bool readOk = true;
     {
       std::atomic<std::size_t> busy{workers.size()};
       std::vector<std::thread> running;
       for (std::size_t i = 0; i < workers.size(); ++i)
         running.emplace_back([&, i] {
-          workers[i].Run(start(k + 1 + i), end(k + 1 + i), history);
+          workers[i].Run(starts[i], starts[i + 1], history);
           busy.fetch_sub(1, std::memory_order_release);
         });
-      exact->RunTo(end(k), &exactBits);
-      const std::size_t next = std::min<std::size_t>(last + threads, chunks - 1);
-      readOk = input.ReadAhead(end(next) + kReadAhead,
+      exact->RunTo(starts[0], &exactBits);
+      readOk = input.ReadAhead(exactEnd(roundEnd) + (threads - 1) * chunk + kReadAhead,
                                [&] { return busy.load(std::memory_order_acquire) != 0; });
       for (std::thread& thread : running) thread.join();
     }
@@ -434,12 +439,12 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
         exactFrom = agreed->bit;
       } else {
         if (report) ++report->redone;
-        exact->RunTo(end(k + 1 + i), &exactBits);
+        exact->RunTo(starts[i + 1], &exactBits);
       }
     }
     // The exact engine stands at the end of the last chunk of this round:
     // it compresses the next chunk itself while workers take the ones after.
-    k = last + 1;
+    from = roundEnd;
   }
   // The rest, on this thread, passed on a chunk at a time.
   for (;;) {
