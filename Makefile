@@ -109,7 +109,7 @@ bench:
 bench-parallel:
 	@scripts/install-deps.sh --bench
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTALVERN_BUILD_BENCH=ON $(CMAKE_FLAGS)
-	cmake --build $(BUILD) -j$(JOBS) --target bench_parallel
+	cmake --build $(BUILD) -j$(JOBS) --target bench_parallel talvern_cli
 	@scripts/bench-parallel.sh $(BUILD) "$(FILE)" "$(ROUNDS)"
 
 # Whole-tree jobs against tar with gzip and zstd (see docs/performance.md).
