@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <thread>
@@ -43,6 +44,11 @@ struct Bits {
     }
   }
   std::uint64_t Size() const { return bytes.size() * 8 + count; }
+  void Clear() {
+    bytes.clear();
+    pending = 0;
+    count = 0;
+  }
   unsigned Bit(std::uint64_t i) const {
     if (i < bytes.size() * 8) return (bytes[i / 8] >> (7 - i % 8)) & 1u;
     return static_cast<unsigned>(pending >> (count - 1 - (i - bytes.size() * 8))) & 1u;
@@ -230,7 +236,7 @@ public:
     std::unique_ptr<std::uint8_t[]> block;
   };
   bool Keep(Copy& copy, std::uint64_t bit) const {
-    copy.block.reset(new (std::nothrow) std::uint8_t[kNodeBytes]);
+    if (!copy.block) copy.block.reset(new (std::nothrow) std::uint8_t[kNodeBytes]);
     if (!copy.block) return false;
     std::memcpy(copy.block.get(), block_.get(), kNodeBytes);
     copy.at = Boundary();
@@ -329,11 +335,14 @@ private:
   unsigned remainder_ = 0;
 };
 
-// A chunk compressed by a primed engine, with its copies.
+// A chunk compressed by a primed engine, with its copies. Workers, their
+// engines, copies and bit buffers serve round after round, so that their
+// memory is allocated (and mapped by the system) once.
 struct Worker {
   std::unique_ptr<Engine> engine;
   Bits bits;
-  std::vector<Engine::Copy> copies;
+  Engine::Copy copies[std::size(kCopyAt)];
+  std::size_t kept = 0;
   bool ok = true;
 
   void Run(std::size_t start, std::size_t end, std::size_t history) {
@@ -343,8 +352,7 @@ struct Worker {
       if (engine->AtEnd() || start + distance >= end) break;
       engine->RunTo(start + distance, &bits);
       if (engine->AtEnd()) break;
-      copies.emplace_back();
-      if (!engine->Keep(copies.back(), bits.Size())) {
+      if (!engine->Keep(copies[kept++], bits.Size())) {
         ok = false;
         return;
       }
@@ -386,16 +394,20 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
   std::uint64_t exactFrom = 0;
 
   // Rounds while a worker's chunk starts before the data's end.
+  std::vector<Worker> workers(split ? threads - 1 : 0);
   for (std::size_t from = 0; split && exactEnd(from) < size;) {
     std::vector<std::size_t> starts; // of the workers' chunks, then the round's end
     for (std::size_t at = exactEnd(from); at < size && starts.size() + 1 < threads; at += chunk)
       starts.push_back(at);
     const std::size_t roundEnd = std::min(starts.back() + chunk, size);
     starts.push_back(roundEnd);
-    std::vector<Worker> workers(starts.size() - 1);
-    for (Worker& worker : workers) {
-      worker.engine = std::make_unique<Engine>(input);
+    const std::size_t count = starts.size() - 1;
+    for (std::size_t i = 0; i < count; ++i) {
+      Worker& worker = workers[i];
+      if (!worker.engine) worker.engine = std::make_unique<Engine>(input);
       if (!worker.engine->Ok()) return false;
+      worker.bits.Clear();
+      worker.kept = 0;
     }
     // What the round reads: the exact engine from where it stands, the
     // workers from their histories on, all of them up to the round's end.
@@ -405,9 +417,9 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
     // next round's data meanwhile.
     bool readOk = true;
     {
-      std::atomic<std::size_t> busy{workers.size()};
+      std::atomic<std::size_t> busy{count};
       std::vector<std::thread> running;
-      for (std::size_t i = 0; i < workers.size(); ++i)
+      for (std::size_t i = 0; i < count; ++i)
         running.emplace_back([&, i] {
           workers[i].Run(starts[i], starts[i + 1], history);
           busy.fetch_sub(1, std::memory_order_release);
@@ -419,12 +431,13 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
     }
     if (!readOk) return false;
     // Join the workers in order to the exact engine.
-    for (std::size_t i = 0; i < workers.size(); ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
       Worker& worker = workers[i];
       if (!worker.ok) return false;
       if (report) ++report->chunks;
       const Engine::Copy* agreed = nullptr;
-      for (const Engine::Copy& copy : worker.copies) {
+      for (std::size_t c = 0; c < worker.kept; ++c) {
+        const Engine::Copy& copy = worker.copies[c];
         exact->RunTo(copy.at, &exactBits);
         if (exact->SameAs(copy)) {
           agreed = &copy;
@@ -434,8 +447,10 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
       if (agreed) {
         result.Append(exactBits, exactFrom, exactBits.Size());
         if (!flush(false)) return false;
-        exact = std::move(worker.engine);
-        exactBits = std::move(worker.bits);
+        // The worker's engine and bits go on as the exact ones; the old
+        // ones serve a worker next round.
+        std::swap(exact, worker.engine);
+        std::swap(exactBits, worker.bits);
         exactFrom = agreed->bit;
       } else {
         if (report) ++report->redone;
