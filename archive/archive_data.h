@@ -20,6 +20,10 @@ constexpr DWORD FlagMediaChanged = 0x20000000;
 constexpr DWORD FlagBusy = 0x40000000;
 constexpr DWORD FlagError = 0x80000000;
 
+// Bit of an entry's CompressType: the entry's data goes on in the next
+// volume; the low bits are the method.
+constexpr DWORD EntryContinuedBit = 0x80000000u;
+
 // Bits of CArchiveFileData::DefaultAnswers: which hooks last answered with
 // the library's own body.
 constexpr DWORD DefaultAnsweredDiskFull = 0x00000001;  // DiskFullNotify

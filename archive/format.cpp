@@ -74,7 +74,7 @@ bool AddChecked(std::uint64_t& a, std::uint64_t b) {
 
 // Reads ahead from a record's start: enough for the records and the data
 // of small entries that follow it.
-constexpr DWORD kReadAhead = 65536;
+constexpr DWORD kRecordReadAhead = 65536;
 
 // Where DoReadEntry takes a record's bytes from, in order: the read-ahead
 // of a volume opened for reading only, else the file at its position.
@@ -149,7 +149,7 @@ const BYTE* CArchiveFileData::ReadAheadBytes(std::uint64_t position, DWORD count
   // A block still lent out stays as it is; the new bytes go into another.
   if (!ReadAhead || ReadAhead.use_count() > 1) ReadAhead = std::make_shared<std::vector<BYTE>>();
   const std::uint64_t want =
-      std::max<std::uint64_t>(count, std::min<std::uint64_t>(kReadAhead, end - position));
+      std::max<std::uint64_t>(count, std::min<std::uint64_t>(kRecordReadAhead, end - position));
   DWORD got = 0;
   try {
     ReadAhead->resize(static_cast<size_t>(want));

@@ -330,7 +330,8 @@ namespace {
 
 // Progress of an item in bytes of its size, from the share done in two
 // passes: the first pass covers the first half, the second one the rest.
-std::uint64_t Share(std::uint64_t size, std::uint64_t done, std::uint64_t total, bool second) {
+std::uint64_t ItemBytesDone(std::uint64_t size, std::uint64_t done, std::uint64_t total,
+                            bool second) {
   const double part = total == 0 ? 1.0 : static_cast<double>(done) / static_cast<double>(total);
   const double fraction = std::min(1.0, std::max(0.0, part)) * 0.5 + (second ? 0.5 : 0.0);
   return static_cast<std::uint64_t>(static_cast<double>(size) * fraction);
@@ -349,8 +350,8 @@ int Host::CompressNotify(const WCHAR*, const WCHAR*, const WCHAR*, const CArchiv
   // copy into the archive reports stored bytes written (second).
   const std::uint64_t packed = entry.PackedSize.GetValue();
   if (packed == 0 && second.GetValue() == 0)
-    return Report(Share(itemSize_, first.GetValue(), itemSize_, false));
-  return Report(Share(itemSize_, second.GetValue(), packed, true));
+    return Report(ItemBytesDone(itemSize_, first.GetValue(), itemSize_, false));
+  return Report(ItemBytesDone(itemSize_, second.GetValue(), packed, true));
 }
 
 CArchiveFile::COverwriteOperation Host::OverwriteNotify(const WCHAR* targetDir,
@@ -399,8 +400,8 @@ int Host::ExpandNotify(const WCHAR*, const WCHAR*, const WCHAR*, const CArchiveE
   // The copy out of the archive reports stored bytes (second, first 0); the
   // engine bytes written (first).
   if (first.GetValue() == 0)
-    return Report(Share(itemSize_, second.GetValue(), entry.PackedSize.GetValue(), false));
-  return Report(Share(itemSize_, first.GetValue(), itemSize_, true));
+    return Report(ItemBytesDone(itemSize_, second.GetValue(), entry.PackedSize.GetValue(), false));
+  return Report(ItemBytesDone(itemSize_, first.GetValue(), itemSize_, true));
 }
 
 } // namespace talvern::capi

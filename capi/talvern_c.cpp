@@ -22,7 +22,9 @@
 using talvern::capi::ArchiveName;
 using talvern::capi::Host;
 
-namespace {
+// What an open archive holds is named outside an anonymous namespace, since
+// the archive's own type (declared in the C header) keeps it.
+namespace talvern::capi {
 
 // The separator of Windows paths as a WCHAR (char16_t or wchar_t).
 constexpr WCHAR kSep = static_cast<WCHAR>('\\');
@@ -172,7 +174,9 @@ constexpr CArchiveFile::CSrchFlags kNoFlags = static_cast<CArchiveFile::CSrchFla
 // The limit that turns on numbered volumes without capping them.
 const CArchiveSize kNoCap(0xFFFFFFFFull);
 
-} // namespace
+} // namespace talvern::capi
+
+using namespace talvern::capi;
 
 // An open archive: its name, the callbacks and the list of its entries.
 struct talvern_archive {

@@ -33,7 +33,6 @@ namespace {
 
 // The copy buffer is the largest multiple of the cluster size that fits here.
 constexpr DWORD kMaxCopyBuffer = 262144;
-constexpr DWORD kContinuedBit = 0x80000000u;
 constexpr DWORD kOpenForScan = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN;
 
 std::uint64_t UncompressedSize(const WIN32_FIND_DATAW& data) {
@@ -380,7 +379,8 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
   entry.DataOffset = 0;
   entry.DataSize = 0;
   entry.PackedSize = 0;
-  entry.CompressType = GetCompressType(entry.CompressType & ~kContinuedBit) & ~kContinuedBit;
+  entry.CompressType =
+      GetCompressType(entry.CompressType & ~EntryContinuedBit) & ~EntryContinuedBit;
   entry.Crc = 0;
   if (!options.KeepFolder) entry.Path.clear();
 
@@ -568,7 +568,7 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
 
       if (written < got) {
         ClearError();
-        entry.CompressType |= kContinuedBit;
+        entry.CompressType |= EntryContinuedBit;
         if (!DoDiskFull(root, entry, baseDir, 0, 0) || !continueOnNewVolume()) return 0;
         position = entry.DataOffset.GetValue();
         request = bufferSize - static_cast<DWORD>(position % bufferSize);

@@ -32,7 +32,6 @@ using volume_io::LastErrorOr;
 namespace {
 
 constexpr DWORD kCopyLimit = 262144; // largest copy buffer, and largest cluster accepted
-constexpr DWORD kContinuedBit = 0x80000000u;
 
 // Decodes an entry's stored data, read from `data` starting at `from` (a
 // file's position; 0 for memory), into the output, or into nothing when
@@ -301,7 +300,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
   // decoded straight from the archive need none.
   std::unique_ptr<BYTE[]> buffer;
 
-  const DWORD method = entry.CompressType & ~kContinuedBit;
+  const DWORD method = entry.CompressType & ~EntryContinuedBit;
   bool ok = true;
   if (!skip) {
     if (find == nullptr) {
@@ -363,7 +362,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
     // split file small enough from memory; the host hears the same
     // progress as with the temporary file.
     const bool direct = !skip && (d.DirectTransfer || d.TestOnly);
-    const bool continued = (entry.CompressType & kContinuedBit) != 0;
+    const bool continued = (entry.CompressType & EntryContinuedBit) != 0;
     enum class Sink { Nothing, Temporary, Memory };
     Sink sink = Sink::Nothing;
     if (!skip && !(direct && !continued))
@@ -464,7 +463,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
       }
       if (!ok) break;
 
-      if (entry.CompressType & kContinuedBit) {
+      if (entry.CompressType & EntryContinuedBit) {
         // The data goes on in the next volume, whose first record is the
         // rest of this entry.
         if (!DoDiskChange(root, entry, targetDir, 0, 0)) {

@@ -6,6 +6,7 @@
 // checked against the extent the bytes themselves declare: a SID is never
 // read beyond its sub-authority count, an access list beyond its AclSize,
 // and a self-relative descriptor only as far as its parts lie inside it.
+#include "platform/layer.h"
 #include "platform/security_internal.h"
 
 #include <algorithm>
@@ -38,20 +39,8 @@ constexpr DWORD kInheritedObjectTypePresent = 2;
 
 static_assert(kRelativeHeader == 20 && kAclHeader == 8 && kAceHeader == 4);
 
-template <class T> T Load(const BYTE* p) {
-  T value;
-  std::memcpy(&value, p, sizeof value);
-  return value;
-}
-template <class T> void Store(BYTE* p, T value) { std::memcpy(p, &value, sizeof value); }
-
 const BYTE* AsBytes(const void* p) { return static_cast<const BYTE*>(p); }
 BYTE* AsBytes(void* p) { return static_cast<BYTE*>(p); }
-
-BOOL Fail(DWORD code) {
-  SetLastError(code);
-  return FALSE;
-}
 
 // ---- SIDs -------------------------------------------------------------------
 

@@ -61,11 +61,6 @@ private:
   DWORD saved_;
 };
 
-template <class T> T Load(const BYTE* p) {
-  T value;
-  std::memcpy(&value, p, sizeof value);
-  return value;
-}
 template <class T> void Append(Bytes& out, T value) {
   const BYTE* p = reinterpret_cast<const BYTE*>(&value);
   out.insert(out.end(), p, p + sizeof value);

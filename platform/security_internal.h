@@ -5,9 +5,18 @@
 #include <talvern/win32.h>
 
 #include <cstddef>
+#include <cstring>
 #include <string>
 
 namespace talvern::platform {
+
+// A value of type T at an unaligned address inside a descriptor's bytes.
+template <class T> T Load(const BYTE* p) {
+  T value;
+  std::memcpy(&value, p, sizeof value);
+  return value;
+}
+template <class T> void Store(BYTE* p, T value) { std::memcpy(p, &value, sizeof value); }
 
 // Called by CreateFileW and CreateDirectoryW right after they created a new
 // item at hostPath with a security descriptor (absolute or self-relative).

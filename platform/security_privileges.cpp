@@ -7,6 +7,7 @@
 // which every token has enabled; AdjustTokenPrivileges enables and disables
 // held privileges for the whole process.
 #include "platform/internal.h"
+#include "platform/layer.h"
 #include "platform/security_internal.h"
 
 #include <talvern/platform.h>
@@ -149,11 +150,6 @@ DWORD AttributesOf(std::size_t index, const PrivilegeState& state) {
   if (kPrivileges[index].luid == kEnabledByDefaultLuid)
     attributes |= SE_PRIVILEGE_ENABLED_BY_DEFAULT;
   return attributes;
-}
-
-BOOL Fail(DWORD code) {
-  SetLastError(code);
-  return FALSE;
 }
 
 } // namespace

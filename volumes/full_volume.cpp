@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr DWORD kContinuedBit = 0x80000000u;
-
 // Magic, marker and version: what every volume of one archive shares.
 struct VolumeIdentity {
   BYTE Magic[8];
@@ -84,7 +82,7 @@ int CArchiveFile::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHA
   if (!first) {
     d.Flags |= FlagHeaderDirty;
     d.Header.VolumeWord |= VolumeHeader::ContinueBit;
-    if ((entry.CompressType & kContinuedBit) && !DoWriteEntry(entry, nullptr)) return 0;
+    if ((entry.CompressType & EntryContinuedBit) && !DoWriteEntry(entry, nullptr)) return 0;
     volume = (IsOpen() ? (d.Header.VolumeWord & VolumeHeader::NumberMask) : 0) + 1;
   }
 
@@ -211,7 +209,7 @@ int CArchiveFile::DoDiskFull(const WCHAR* root, CArchiveEntry& entry, const WCHA
           d.Flags |= FlagHeaderDirty;
           entry.EntryOffset = d.Header.ArchiveSize;
           entry.DataSize = 0;
-          entry.CompressType &= ~kContinuedBit;
+          entry.CompressType &= ~EntryContinuedBit;
           if (first) return result;
           if (DoWriteEntry(entry, nullptr)) return result;
           // The new volume could not take the record: it is removed.

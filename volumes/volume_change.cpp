@@ -20,8 +20,6 @@
 
 namespace {
 
-constexpr DWORD kContinuedBit = 0x80000000u;
-
 bool SameTime(const FILETIME& a, const FILETIME& b) { return CompareFileTime(&a, &b) == 0; }
 
 // Whether record is the continuation of split: everything that describes
@@ -31,7 +29,7 @@ bool IsContinuationOf(const CArchiveEntry& record, const CArchiveEntry& split) {
   const WIN32_FIND_DATAW& r = record.FindData;
   const WIN32_FIND_DATAW& s = split.FindData;
   return record.PackedSize.GetValue() == split.PackedSize.GetValue() &&
-         (record.CompressType & ~kContinuedBit) == (split.CompressType & ~kContinuedBit) &&
+         (record.CompressType & ~EntryContinuedBit) == (split.CompressType & ~EntryContinuedBit) &&
          record.Crc == split.Crc && r.dwFileAttributes == s.dwFileAttributes &&
          SameTime(r.ftCreationTime, s.ftCreationTime) &&
          SameTime(r.ftLastAccessTime, s.ftLastAccessTime) &&
@@ -63,7 +61,7 @@ int CArchiveFile::DoDiskChange(const WCHAR* root, CArchiveEntry& entry, const WC
   // writes a header that is not its own.)
   const VolumeHeader expected = first ? VolumeHeader::Fresh() : d.Header;
   const CArchiveEntry split(entry);
-  const bool continues = (split.CompressType & kContinuedBit) != 0;
+  const bool continues = (split.CompressType & EntryContinuedBit) != 0;
 
   DWORD volume = 0;
   if (!first) {

@@ -14,7 +14,7 @@ namespace {
 // Real data in nested folders, many small and empty files, one file too
 // large to be compressed ahead into memory and one too large for direct
 // transfer.
-void MakeTree(const TempDir& dir) {
+void MakeCorpusTree(const TempDir& dir) {
   unsigned n = 0;
   for (const std::string& file : CorpusFiles()) {
     const std::string folder = n % 3 == 0 ? "source/" : n % 3 == 1 ? "source/a/" : "source/a/b/";
@@ -79,7 +79,7 @@ void ExpectSame(const Outcome& actual, const Outcome& expected, const std::strin
 
 TEST(AddingThreads, ArchiveAndCallsAreThoseOfOneThread) {
   TempDir dir;
-  MakeTree(dir);
+  MakeCorpusTree(dir);
   const Outcome viaTemporary = Add(dir, 1, false);
   ASSERT_EQ(viaTemporary.result, 1) << viaTemporary.error;
   const Outcome direct = Add(dir, 1, true);
@@ -93,7 +93,7 @@ TEST(AddingThreads, ArchiveAndCallsAreThoseOfOneThread) {
 
 TEST(AddingThreads, NumberedVolumesAreTheSame) {
   TempDir dir;
-  MakeTree(dir);
+  MakeCorpusTree(dir);
   const Outcome one = Add(dir, 1, true, 0, 1000000);
   ASSERT_EQ(one.result, 1) << one.error;
   ExpectSame(Add(dir, 8, true, 0, 1000000), one, "numbered volumes");
@@ -101,7 +101,7 @@ TEST(AddingThreads, NumberedVolumesAreTheSame) {
 
 TEST(AddingThreads, CancellingLeavesWhatOneThreadLeaves) {
   TempDir dir;
-  MakeTree(dir);
+  MakeCorpusTree(dir);
   for (const bool isDirect : {false, true})
     for (const int cancelAt : {3, 40, 200, 1500}) { // 1500: in large.txt, on every thread
       const Outcome one = Add(dir, 1, isDirect, cancelAt);

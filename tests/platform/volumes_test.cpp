@@ -11,7 +11,7 @@ using test::N;
 
 namespace {
 
-constexpr DWORD kRW = GENERIC_READ | GENERIC_WRITE;
+constexpr DWORD kReadWrite = GENERIC_READ | GENERIC_WRITE;
 
 talvern::MediumSpec Medium(const test::TempDir& dir, const std::string& name, DWORD serial,
                            std::uint64_t capacity = 0) {
@@ -25,7 +25,8 @@ talvern::MediumSpec Medium(const test::TempDir& dir, const std::string& name, DW
 }
 
 HANDLE Create(const CString& path, DWORD disposition = CREATE_ALWAYS) {
-  return CreateFileW(path.c_str(), kRW, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  return CreateFileW(path.c_str(), kReadWrite, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
+                     nullptr);
 }
 
 DWORD FreeClusters(const WCHAR* root) {
@@ -143,7 +144,7 @@ TEST(Devices, LockDismountAndRemoval) {
   ASSERT_TRUE(talvern::MountDrive(u'A', DRIVE_REMOVABLE, 512, &floppy));
   HANDLE file = Create(u"A:\\open.arc");
   ASSERT_NE(file, INVALID_HANDLE_VALUE);
-  HANDLE device = CreateFileW(u"\\\\.\\a:", kRW, 3, nullptr, OPEN_EXISTING, 0, nullptr);
+  HANDLE device = CreateFileW(u"\\\\.\\a:", kReadWrite, 3, nullptr, OPEN_EXISTING, 0, nullptr);
   ASSERT_NE(device, INVALID_HANDLE_VALUE);
   const auto control = [&](DWORD code, void* in = nullptr, DWORD size = 0) {
     DWORD returned = 0;
