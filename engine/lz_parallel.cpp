@@ -370,9 +370,14 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
                       chunk >= history + 2 * std::size_t{kN};
   // Every chunk but the first starts 256 bytes before a slide of the
   // window. In a round the exact engine's chunk is `lead` bytes longer than
-  // a worker's, since a worker first primes its engine with `history` bytes
-  // (the calling thread reads the data while it would wait for the rest).
-  const std::size_t lead = history / 2 / kN * kN;
+  // a worker's, since a worker first primes its engine with `history`
+  // bytes. The lead starts at half the history (the calling thread also
+  // reads the next round's data while it would wait) and follows what the
+  // rounds show: longer after a round where the exact engine waited for the
+  // workers, shorter after one where they waited for it. Where chunks are
+  // cut changes no bit of the output, only how the work is shared.
+  const std::size_t maxLead = 2 * history;
+  std::size_t lead = history / 2 / kN * kN;
   const auto exactEnd = [&](std::size_t from) {
     return from == 0 ? chunk + lead - kMax : from + chunk + lead;
   };
@@ -425,9 +430,15 @@ bool Compress(Window& input, unsigned threads, const ParallelSink& sink, Paralle
           busy.fetch_sub(1, std::memory_order_release);
         });
       exact->RunTo(starts[0], &exactBits);
+      const bool workersFirst = busy.load(std::memory_order_acquire) == 0;
       readOk = input.ReadAhead(exactEnd(roundEnd) + (threads - 1) * chunk + kReadAhead,
                                [&] { return busy.load(std::memory_order_acquire) != 0; });
+      const bool exactWaits = busy.load(std::memory_order_acquire) != 0;
       for (std::thread& thread : running) thread.join();
+      if (exactWaits && lead + kN <= maxLead)
+        lead += kN;
+      else if (workersFirst && lead >= kN)
+        lead -= kN;
     }
     if (!readOk) return false;
     // Join the workers in order to the exact engine.
@@ -487,12 +498,12 @@ bool CompressParallel(const std::uint8_t* input, std::size_t size, unsigned thre
 
 bool CompressParallel(std::size_t size, const ParallelSource& source, unsigned threads,
                       const ParallelSink& sink, ParallelReport* report, ParallelShape shape) {
-  // A round holds a chunk per thread, the first worker's history and what
-  // the engines read past the round's end; the next round's chunks are
-  // read into the room behind it.
+  // A round holds a chunk per thread, the exact engine's lead (at most two
+  // histories), the first worker's history and what the engines read past
+  // the round's end; the next round is read into the room behind it.
   const std::size_t room =
       2 * std::size_t{std::max(threads, 1u)} * std::max(shape.chunk, std::size_t{1} << 20) +
-      shape.history + std::size_t{kN} + 2 * kReadAhead;
+      5 * shape.history + std::size_t{kN} + 2 * kReadAhead;
   Window window(size, source, std::min(room, size));
   if (!window.Ok()) return false;
   return Compress(window, threads, sink, report, shape);
