@@ -19,12 +19,12 @@
 #include <unordered_set>
 #include <vector>
 
-using talvern::capi::ArchiveName;
-using talvern::capi::Host;
-
 // What an open archive holds is named outside an anonymous namespace, since
 // the archive's own type (declared in the C header) keeps it.
 namespace talvern::capi {
+
+// Bit of an entry's CompressType: its data goes on in the next volume.
+constexpr DWORD kContinuedBit = 0x80000000u;
 
 // The separator of Windows paths as a WCHAR (char16_t or wchar_t).
 constexpr WCHAR kSep = static_cast<WCHAR>('\\');
@@ -246,7 +246,7 @@ DWORD talvern_archive::ReadEntries() {
     if (host.GetErrorCode() != ERROR_HANDLE_EOF) return Fail();
     host.ClearError();
     if (!host.IsContinue()) break;
-    const bool continued = (last.CompressType & 0x80000000u) != 0;
+    const bool continued = (last.CompressType & kContinuedBit) != 0;
     CArchiveEntry first = last;
     if (!host.OpenNextVolume(first)) return Fail();
     const CArchiveOffset start(0);
