@@ -116,12 +116,13 @@ bench-parallel:
 
 # Whole-tree jobs against tar with gzip and zstd (see docs/performance.md).
 # BASELINE=path/to/another/talvern adds that build to every job; TREE= names
-# the folder to copy (default /usr/include), RUNS= the runs per tool.
+# the folder to copy (default /usr/include), RUNS= the runs per tool;
+# NO_COPIES=1 deletes files whose contents an earlier file has.
 bench-tree: build
 	@scripts/install-deps.sh --bench
 	python3 scripts/bench-tree.py --talvern $(BUILD)/tools/talvern \
 	  $(if $(BASELINE),--baseline $(BASELINE)) $(if $(TREE),--tree $(TREE)) \
-	  $(if $(RUNS),--runs $(RUNS))
+	  $(if $(RUNS),--runs $(RUNS)) $(if $(NO_COPIES),--no-copies)
 
 # How many planted faults the tests catch: ../shared/tools/mutate.py plants
 # COUNT faults (seeded by SEED) in the library's folders one at a time,

@@ -90,6 +90,10 @@ struct CArchiveFileData {
   bool DirectTransfer = false;
   bool TestOnly = false;
   bool FollowLinks = false;
+  // Files compressed during the adding walk under way, for copies of them
+  // met later (emptied when the walk ends; the workers ahead use it too, so
+  // it outlives them).
+  talvern::engine::SeenData Seen;
   std::unique_ptr<talvern::engine::CompressAhead> Ahead;
   // The engine's arrays, kept from one entry to the next on the host's
   // thread.

@@ -59,9 +59,9 @@ bool OpenSpill(ScopedTempFile& spill) {
 } // namespace
 
 CompressAhead::CompressAhead(unsigned workers, const CString& baseDir, const CString& folder,
-                             DWORD srch, bool followLinks, std::uint64_t budget,
+                             DWORD srch, bool followLinks, SeenData* seen, std::uint64_t budget,
                              std::uint64_t largest)
-    : budget_(budget), largest_(largest), followLinks_(followLinks) {
+    : budget_(budget), largest_(largest), followLinks_(followLinks), seen_(seen) {
   threads_.emplace_back([this, baseDir, folder, srch] {
     Walk(baseDir, folder, srch);
     std::lock_guard<std::mutex> lock(mutex_);
@@ -189,7 +189,10 @@ void CompressAhead::Work() {
       if (sized && GetFileTime(source.Get(), nullptr, nullptr, &file.lastWrite)) {
         file.size = static_cast<std::uint64_t>(high) << 32 | low;
         if (!job->spills)
-          file.ok = CompressToMemory(error, source.Get(), file.size, file.data, nullptr, &arrays);
+          file.ok = seen_ != nullptr ? CompressSeen(error, source.Get(), file.size, file.data,
+                                                    *seen_, nullptr, &arrays)
+                                     : CompressToMemory(error, source.Get(), file.size, file.data,
+                                                        nullptr, &arrays);
         else if (OpenSpill(file.spill))
           file.ok = CompressToFile(error, source.Get(), file.size, file.spill.File().Get(),
                                    file.data, &arrays) &&

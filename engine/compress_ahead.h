@@ -65,9 +65,11 @@ public:
   // Starts `workers` compressing threads and a walker over the tree below
   // baseDir\folder that adding with these search flags would walk,
   // entering linked folders as adding does when followLinks is set.
+  // Files with the bytes of one in `seen` (may be null) take its data; the
+  // others compressed into memory are kept there.
   CompressAhead(unsigned workers, const CString& baseDir, const CString& folder, DWORD srch,
-                bool followLinks = false, std::uint64_t budget = DefaultBudget,
-                std::uint64_t largest = DefaultLargest);
+                bool followLinks = false, SeenData* seen = nullptr,
+                std::uint64_t budget = DefaultBudget, std::uint64_t largest = DefaultLargest);
   ~CompressAhead();
   CompressAhead(const CompressAhead&) = delete;
   CompressAhead& operator=(const CompressAhead&) = delete;
@@ -112,6 +114,7 @@ private:
   std::uint64_t budget_;
   std::uint64_t largest_;
   bool followLinks_;
+  SeenData* seen_;
   bool stop_ = false;
   bool walkerDone_ = false;     // the walker listed the whole tree, or gave up
   std::uint64_t submitted_ = 0; // files queued so far

@@ -7,12 +7,12 @@
 #include "engine/code_format1.h"
 #include "engine/lz_engine.h"
 
+#include <cstring>
 #include <memory>
 #include <new>
 
 namespace talvern::engine {
 namespace {
-
 
 // Reads of stored data from a file go through pieces of this size.
 constexpr DWORD kFilePiece = 65536;
@@ -64,10 +64,30 @@ void PrepareEngine(CEncodeDecode1& engine, const ProgressTarget& target, CArchiv
 
 namespace {
 
-// Method 1 from `source` into memory (`target` invalid) or into the open
-// file `target`; see CompressToMemory.
-bool CompressInto(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target,
-                  CompressedData& out, const ProgressTarget* progress, EngineArrays* arrays) {
+// A notifying source that also keeps the byte count of every read.
+class TellingSource : public CFileNotifyCRC {
+public:
+  TellingSource(HANDLE handle, const CArchiveSize* limit, std::vector<DWORD>& reads)
+      : CFileNotifyCRC(handle, limit), reads_(reads) {}
+  TellingSource(const BYTE* memory, const CArchiveSize* limit, std::vector<DWORD>& reads)
+      : CFileNotifyCRC(memory, limit), reads_(reads) {}
+  DWORD Read(void* buffer, DWORD count) override {
+    const DWORD n = CFileNotifyCRC::Read(buffer, count);
+    reads_.push_back(n);
+    return n;
+  }
+
+private:
+  std::vector<DWORD>& reads_;
+};
+
+// Method 1 from `source` (an open file, or `memory` when not null) into
+// memory (`target` invalid) or into the open file `target`; see
+// CompressToMemory. The reads are kept in `out.reads` also when the host
+// hears of them as they happen.
+bool CompressInto(DWORD& error, HANDLE source, const BYTE* memory, std::uint64_t size,
+                  HANDLE target, CompressedData& out, const ProgressTarget* progress,
+                  EngineArrays* arrays) {
   CEncodeDecode1 engine;
   CArchiveSize count(0);
   if (progress != nullptr) {
@@ -87,7 +107,7 @@ bool CompressInto(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target
   try {
     out.bytes.resize(toMemory ? static_cast<std::size_t>(capacity) : 0);
     out.reads.clear();
-    if (progress == nullptr) out.reads.reserve(static_cast<std::size_t>(size / 8192 + 4));
+    out.reads.reserve(static_cast<std::size_t>(size / 8192 + 4));
   } catch (const std::bad_alloc&) {
     error = ERROR_OUTOFMEMORY;
     return false;
@@ -104,10 +124,14 @@ bool CompressInto(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target
   // With a host to tell, the engine tells it of every read as it happens;
   // without one, the reads are kept for telling later.
   const CArchiveSize limit(size);
-  CFileNotifyCRC told(source, &limit);
+  TellingSource told = memory != nullptr ? TellingSource(memory, &limit, out.reads)
+                                         : TellingSource(source, &limit, out.reads);
   told.Target = &engine;
   CountingSource kept(out.reads);
-  kept.SetFile(source, size);
+  if (memory != nullptr)
+    kept.SetMemory(memory, size);
+  else
+    kept.SetFile(source, size);
   CFileCRC& stream = progress != nullptr ? static_cast<CFileCRC&>(told) : kept;
   DWORD e = ERROR_SUCCESS;
   const BOOL done = engine.Encode(&stream, &bits, &e);
@@ -127,13 +151,85 @@ bool CompressInto(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target
 
 bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
                       const ProgressTarget* progress, EngineArrays* arrays) {
-  return CompressInto(error, source, size, INVALID_HANDLE_VALUE, out, progress,
+  return CompressInto(error, source, nullptr, size, INVALID_HANDLE_VALUE, out, progress,
                       progress != nullptr ? progress->arrays : arrays);
 }
 
 bool CompressToFile(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target,
                     CompressedData& out, EngineArrays* arrays) {
-  return CompressInto(error, source, size, target, out, nullptr, arrays);
+  return CompressInto(error, source, nullptr, size, target, out, nullptr, arrays);
+}
+
+bool SeenData::Find(const BYTE* content, std::size_t size, DWORD crc, CompressedData& out) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  for (auto item = items_.rbegin(); item != items_.rend(); ++item) {
+    if (item->crc != crc || item->content.size() != size ||
+        (size != 0 && std::memcmp(item->content.data(), content, size) != 0))
+      continue;
+    try {
+      out = item->data;
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    return true;
+  }
+  return false;
+}
+
+void SeenData::Keep(std::vector<BYTE>&& content, DWORD crc, const CompressedData& data) {
+  const std::uint64_t charge = content.size() + data.bytes.size();
+  if (charge > budget_) return;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  try {
+    items_.push_back(Item{std::move(content), crc, data});
+  } catch (const std::bad_alloc&) {
+    return; // nothing kept: the file is compressed again when met again
+  }
+  held_ += charge;
+  while (held_ > budget_) {
+    held_ -= items_.front().content.size() + items_.front().data.bytes.size();
+    items_.pop_front();
+  }
+}
+
+void SeenData::Clear() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  items_.clear();
+  held_ = 0;
+}
+
+bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
+                  SeenData& seen, const ProgressTarget* progress, EngineArrays* arrays) {
+  if (size == 0 || size > SeenData::Largest)
+    return CompressToMemory(error, source, size, out, progress, arrays);
+  std::vector<BYTE> content;
+  try {
+    content.resize(static_cast<std::size_t>(size));
+  } catch (const std::bad_alloc&) {
+    return CompressToMemory(error, source, size, out, progress, arrays);
+  }
+  std::size_t got = 0;
+  while (got < content.size()) {
+    DWORD n = 0;
+    if (!ReadFile(source, content.data() + got, static_cast<DWORD>(content.size() - got), &n,
+                  nullptr) ||
+        n == 0)
+      break;
+    got += n;
+  }
+  const DWORD crc = Crc32Update(0, content.data(), got);
+  if (got == content.size() && seen.Find(content.data(), got, crc, out)) {
+    if (progress != nullptr && !ReplayCompressProgress(*progress, out.reads)) {
+      error = ERROR_CANCELLED;
+      return false;
+    }
+    return true;
+  }
+  if (!CompressInto(error, INVALID_HANDLE_VALUE, content.data(), got, INVALID_HANDLE_VALUE, out,
+                    progress, progress != nullptr ? progress->arrays : arrays))
+    return false;
+  if (got == content.size()) seen.Keep(std::move(content), crc, out);
+  return true;
 }
 
 bool ReplayCompressProgress(const ProgressTarget& target, const std::vector<DWORD>& reads) {

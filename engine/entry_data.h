@@ -9,6 +9,8 @@
 #include <talvern/archive.h>
 
 #include <cstdint>
+#include <deque>
+#include <mutex>
 #include <vector>
 
 class CEncodeDecode1;
@@ -62,6 +64,49 @@ bool CompressToMemory(DWORD& error, HANDLE source, std::uint64_t size, Compresse
 // from its current position; `out.bytes` stays empty.
 bool CompressToFile(DWORD& error, HANDLE source, std::uint64_t size, HANDLE target,
                     CompressedData& out, EngineArrays* arrays = nullptr);
+
+// Files compressed before, kept with their bytes: the engine's output and
+// the reads it makes depend on nothing but the bytes it compresses, so a
+// file with the same bytes as a kept one takes that one's data instead of
+// being compressed again. Trees often hold copies (generated headers per
+// platform, vendored libraries, backups of backups). A hit is decided by
+// comparing the bytes themselves, never by a checksum alone. The oldest
+// files go first when the kept bytes exceed the budget. Safe to share
+// between threads.
+class SeenData {
+public:
+  static constexpr std::uint64_t DefaultBudget = 8u << 20; // contents and compressed data
+  static constexpr std::uint64_t Largest = 1u << 20;       // the largest file kept
+
+  explicit SeenData(std::uint64_t budget = DefaultBudget) : budget_(budget) {}
+
+  // The data kept for a file of exactly these bytes (whose CRC is `crc`),
+  // copied into `out`; false when none is kept.
+  bool Find(const BYTE* content, std::size_t size, DWORD crc, CompressedData& out);
+  // Keeps `data` as what the engine makes of `content`.
+  void Keep(std::vector<BYTE>&& content, DWORD crc, const CompressedData& data);
+  void Clear();
+
+private:
+  struct Item {
+    std::vector<BYTE> content;
+    DWORD crc = 0;
+    CompressedData data;
+  };
+  std::mutex mutex_;
+  std::deque<Item> items_; // oldest first
+  std::uint64_t held_ = 0;
+  std::uint64_t budget_;
+};
+
+// As CompressToMemory, but a file of at most SeenData::Largest bytes is
+// read whole first: when `seen` keeps its bytes, the kept data is taken
+// and the host hears the calls the compression would have made; otherwise
+// it is compressed from memory and kept. A read that fails or ends early
+// ends the data there, as it does for the engine reading the file itself.
+bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
+                  SeenData& seen, const ProgressTarget* progress = nullptr,
+                  EngineArrays* arrays = nullptr);
 
 // Tells the host what compressing the file told it, in the same calls with
 // the same counts, starting from 0. FALSE (the engine's 1223) when the host

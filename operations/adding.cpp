@@ -128,7 +128,7 @@ void StartCompressAhead(CArchiveFileData& d, const CString& base, const CString&
   const unsigned workers = talvern::engine::CompressAhead::WorkersFor(d.CompressThreads);
   if (workers > 1)
     d.Ahead = std::make_unique<talvern::engine::CompressAhead>(workers, base, folder, srch,
-                                                               d.FollowLinks);
+                                                               d.FollowLinks, &d.Seen);
 }
 
 CString JoinFolder(const CString& folder, const WCHAR* name) {
@@ -197,6 +197,7 @@ int CArchiveFile::CompressAll(const WCHAR* sourcePath, CSrchFlags srch, CAttrFla
       StartCompressAhead(*m_Data, source, CString(), srch);
       result = DoCompressAll(root.c_str(), source.c_str(), entry, srch, attr);
       m_Data->Ahead.reset();
+      m_Data->Seen.Clear();
       m_Data->Flags &= ~FlagBusy;
     }
   }
@@ -267,6 +268,7 @@ int CArchiveFile::Compress(const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlag
       StartCompressAhead(d, base, JoinFolder(entry.Path, fd.cFileName), srch);
     const int stored = DoCompress(root.c_str(), base.c_str(), entry, srch, attr);
     d.Ahead.reset();
+    d.Seen.Clear();
     d.Flags &= ~FlagBusy;
     return stored;
   };
@@ -439,7 +441,7 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
       DWORD error = ERROR_SUCCESS;
       const bool done =
           entry.CompressType != 0
-              ? talvern::engine::CompressToMemory(error, data.Get(), size, compressed, &hook)
+              ? talvern::engine::CompressSeen(error, data.Get(), size, compressed, d.Seen, &hook)
               : ReadWhole(error, data.Get(), size, compressed);
       data.Close();
       if (!done) {

@@ -2,7 +2,7 @@
 """Times whole-tree work: talvern against tar with gzip -6 and tar with zstd -3.
 
     scripts/bench-tree.py --talvern BUILD/tools/talvern [--baseline OTHER_TALVERN]
-                          [--tree DIR] [--runs N] [--work DIR]
+                          [--tree DIR] [--runs N] [--work DIR] [--no-copies]
 
 The tree is a copy of DIR (default /usr/include, its files and folders
 without symbolic links) made once into a scratch folder, so every tool reads the same files from the same disk. Each job
@@ -14,10 +14,13 @@ largest process, and the ratio of talvern's median to each peer's. The page
 cache is warm: every run reads what the previous one read or wrote.
 
 --baseline adds a second talvern (for example a build of an older commit) to
-every job, for before/after figures from one run.
+every job, for before/after figures from one run. The summary line says how
+much of the tree is copies of earlier files (the library compresses such a
+copy only once); --no-copies deletes them from the scratch copy first.
 """
 
 import argparse
+import hashlib
 import os
 import shutil
 import statistics
@@ -52,13 +55,28 @@ def takes_threads(exe):
     return "--threads" in usage.stdout + usage.stderr
 
 
-def tree_summary(root):
-    files = folders = size = 0
+def tree_summary(root, drop_copies=False):
+    """Files, folders, bytes, and bytes in files whose contents an earlier
+    file (in walk order) has; with drop_copies those files are deleted."""
+    files = folders = size = copied = 0
+    seen = set()
     for folder, dirs, names in os.walk(root):
+        dirs.sort()
         folders += len(dirs)
-        files += len(names)
-        size += sum(os.lstat(os.path.join(folder, n)).st_size for n in names)
-    return files, folders, size
+        for n in sorted(names):
+            path = os.path.join(folder, n)
+            length = os.lstat(path).st_size
+            with open(path, "rb") as f:
+                digest = hashlib.sha256(f.read()).digest()
+            if digest in seen:
+                if drop_copies:
+                    os.remove(path)
+                    continue
+                copied += length
+            seen.add(digest)
+            files += 1
+            size += length
+    return files, folders, size, copied
 
 
 def main():
@@ -68,6 +86,8 @@ def main():
     parser.add_argument("--tree", default="/usr/include")
     parser.add_argument("--runs", type=int, default=5)
     parser.add_argument("--work")
+    parser.add_argument("--no-copies", action="store_true",
+                        help="delete files whose contents an earlier file has")
     args = parser.parse_args()
 
     for tool in ("tar", "gzip", "zstd", "/usr/bin/time"):
@@ -85,7 +105,7 @@ def main():
             shutil.copytree(args.tree, src, symlinks=True,
                             ignore=lambda folder, names: [
                                 n for n in names if os.path.islink(os.path.join(folder, n))])
-        files, folders, size = tree_summary(src)
+        files, folders, size, copied = tree_summary(src, args.no_copies)
         talverns = [("talvern", os.path.abspath(args.talvern))]
         if args.baseline:
             talverns.append(("baseline", os.path.abspath(args.baseline)))
@@ -167,7 +187,8 @@ def main():
 
         cores = os.cpu_count()
         print(f"Tree: copy of {args.tree}: {files} files, {folders} folders, "
-              f"{size / 1e6:.1f} MB; {args.runs} runs per tool, alternating; "
+              f"{size / 1e6:.1f} MB ({copied / 1e6:.1f} MB in copies of earlier files"
+              f"{', copies deleted' if args.no_copies else ''}); {args.runs} runs per tool, alternating; "
               f"{cores} cores; warm page cache")
         print("Archive sizes: " + ", ".join(f"{n} {s / 1e6:.1f} MB" for n, s in sizes.items()))
         print()

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 
 using namespace adding;
 
@@ -126,5 +127,80 @@ TEST(AddingThreads, LargeFileOnAllThreadsReadsAsOneEngine) {
     const Outcome one = Add(dir, 1, true);
     ASSERT_EQ(one.result, 1) << one.error;
     ExpectSame(Add(dir, 2, true), one, std::to_string(size) + " bytes");
+  }
+}
+
+TEST(AddingThreads, CopiesAreStoredAndToldAsTheirFirst) {
+  // Files met again later in the walk (the same bytes under other names)
+  // take the data of their first: the archive is the one written through
+  // temporary files, a copy's progress calls are its first's, and a
+  // cancellation in the middle of a copy leaves what it leaves there. A
+  // file of the same size and CRC-32 (two words whose CRCs are the same in
+  // the same place) is compressed on its own.
+  TempDir dir;
+  std::string text = ReadText(CorpusFiles().front()).substr(0, 100000);
+  std::string changed = text;
+  text.replace(50000, 8, "plumless");
+  changed.replace(50000, 8, "buckeroo");
+  WriteFile(dir.Host("source/a/first.txt"), text);
+  WriteFile(dir.Host("source/a/other.txt"), text.substr(0, 30000));
+  WriteFile(dir.Host("source/b/changed.txt"), changed);
+  WriteFile(dir.Host("source/b/copy.txt"), text);
+  WriteFile(dir.Host("source/c/copy.txt"), text);
+
+  // The calls that tell each file's compression (named by its file call;
+  // those that tell of writing it to the archive, second count not 0,
+  // depend on where it lands), and the number of the call (1-based, over
+  // all calls) that is the fifth of b/copy.txt.
+  struct Heard {
+    std::map<std::string, std::vector<std::string>> calls;
+    int fifthOfCopy = 0;
+  };
+  const auto heard = [](const Outcome& outcome) {
+    Heard h;
+    std::string file;
+    int count = 0;
+    for (const std::string& call : outcome.calls) {
+      if (call.rfind("file:", 0) == 0) {
+        file = call.substr(call.find('|') + 1);
+      } else if (call.rfind("engine:", 0) == 0 || call.rfind("progress:", 0) == 0) {
+        ++count;
+        if (call.size() < 2 || call.compare(call.size() - 2, 2, "/0") != 0) continue;
+        auto& calls = h.calls[file];
+        calls.push_back(call);
+        if (file.find("b|copy.txt") != std::string::npos && calls.size() == 5)
+          h.fifthOfCopy = count;
+      }
+    }
+    return h;
+  };
+
+  const Outcome viaTemporary = Add(dir, 1, false);
+  ASSERT_EQ(viaTemporary.result, 1) << viaTemporary.error;
+  for (const DWORD threads : {1u, 2u}) {
+    const Outcome direct = Add(dir, threads, true);
+    EXPECT_TRUE(direct.archive == viaTemporary.archive) << threads;
+    const Heard h = heard(direct);
+    ASSERT_EQ(h.calls.size(), 5u);
+    const auto& first = h.calls.begin()->second; // a/first.txt is the first file
+    ASSERT_GT(first.size(), 10u);
+    for (const auto& [file, calls] : h.calls)
+      if (file.find("other.txt") == std::string::npos) {
+        EXPECT_EQ(calls, first) << file;
+      }
+  }
+
+  std::vector<std::uint8_t> leftViaTemporary;
+  for (const bool isDirect : {false, true}) {
+    const int at = heard(Add(dir, 1, isDirect)).fifthOfCopy;
+    ASSERT_NE(at, 0);
+    const Outcome cancelled = Add(dir, 1, isDirect, at);
+    EXPECT_EQ(cancelled.result, 0);
+    EXPECT_EQ(cancelled.error, static_cast<DWORD>(ERROR_CANCELLED));
+    if (!isDirect) {
+      leftViaTemporary = cancelled.archive;
+    } else {
+      EXPECT_TRUE(cancelled.archive == leftViaTemporary);
+    }
   }
 }
