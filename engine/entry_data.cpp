@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace talvern::engine {
 namespace {
@@ -22,13 +23,16 @@ std::uint64_t OriginalSize(const CArchiveEntry& entry) {
          entry.FindData.nFileSizeLow;
 }
 
-// A summing source that keeps the byte count of every read, for progress
-// that is told to the host later.
-class CountingSource : public CFileCRC {
+// A source that keeps the byte count of every read: over a summing stream,
+// for progress that is told to the host later; over a notifying one, also
+// kept while the host hears of each read as it happens.
+template <class Stream> class RecordingSource : public Stream {
 public:
-  explicit CountingSource(std::vector<DWORD>& reads) : reads_(reads) {}
+  template <class... Args>
+  explicit RecordingSource(std::vector<DWORD>& reads, Args&&... args)
+      : Stream(std::forward<Args>(args)...), reads_(reads) {}
   DWORD Read(void* buffer, DWORD count) override {
-    const DWORD n = CFileCRC::Read(buffer, count);
+    const DWORD n = Stream::Read(buffer, count);
     reads_.push_back(n);
     return n;
   }
@@ -36,6 +40,8 @@ public:
 private:
   std::vector<DWORD>& reads_;
 };
+using CountingSource = RecordingSource<CFileCRC>;
+using TellingSource = RecordingSource<CFileNotifyCRC>;
 
 void SetSource(CFileIO& stream, const StoredData& data) {
   if (data.memory != nullptr)
@@ -63,23 +69,6 @@ void PrepareEngine(CEncodeDecode1& engine, const ProgressTarget& target, CArchiv
 }
 
 namespace {
-
-// A notifying source that also keeps the byte count of every read.
-class TellingSource : public CFileNotifyCRC {
-public:
-  TellingSource(HANDLE handle, const CArchiveSize* limit, std::vector<DWORD>& reads)
-      : CFileNotifyCRC(handle, limit), reads_(reads) {}
-  TellingSource(const BYTE* memory, const CArchiveSize* limit, std::vector<DWORD>& reads)
-      : CFileNotifyCRC(memory, limit), reads_(reads) {}
-  DWORD Read(void* buffer, DWORD count) override {
-    const DWORD n = CFileNotifyCRC::Read(buffer, count);
-    reads_.push_back(n);
-    return n;
-  }
-
-private:
-  std::vector<DWORD>& reads_;
-};
 
 // Method 1 from `source` (an open file, or `memory` when not null) into
 // memory (`target` invalid) or into the open file `target`; see
@@ -124,8 +113,8 @@ bool CompressInto(DWORD& error, HANDLE source, const BYTE* memory, std::uint64_t
   // With a host to tell, the engine tells it of every read as it happens;
   // without one, the reads are kept for telling later.
   const CArchiveSize limit(size);
-  TellingSource told = memory != nullptr ? TellingSource(memory, &limit, out.reads)
-                                         : TellingSource(source, &limit, out.reads);
+  TellingSource told = memory != nullptr ? TellingSource(out.reads, memory, &limit)
+                                         : TellingSource(out.reads, source, &limit);
   told.Target = &engine;
   CountingSource kept(out.reads);
   if (memory != nullptr)
