@@ -149,14 +149,19 @@ bool CompressToFile(DWORD& error, HANDLE source, std::uint64_t size, HANDLE targ
   return CompressInto(error, source, nullptr, size, target, out, nullptr, arrays);
 }
 
+std::uint64_t SeenData::Charge(const Item& item) {
+  return item.content.size() + item.data.bytes.size() + item.data.reads.size() * sizeof(DWORD) +
+         sizeof(Item) + 64;
+}
+
 bool SeenData::Find(const BYTE* content, std::size_t size, DWORD crc, CompressedData& out) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  for (auto item = items_.rbegin(); item != items_.rend(); ++item) {
-    if (item->crc != crc || item->content.size() != size ||
-        (size != 0 && std::memcmp(item->content.data(), content, size) != 0))
-      continue;
+  const auto [first, last] = index_.equal_range(Key(size, crc));
+  for (auto at = first; at != last; ++at) {
+    const Item& item = *at->second;
+    if (size != 0 && std::memcmp(item.content.data(), content, size) != 0) continue;
     try {
-      out = item->data;
+      out = item.data;
     } catch (const std::bad_alloc&) {
       return false;
     }
@@ -166,23 +171,38 @@ bool SeenData::Find(const BYTE* content, std::size_t size, DWORD crc, Compressed
 }
 
 void SeenData::Keep(std::vector<BYTE>&& content, DWORD crc, const CompressedData& data) {
-  const std::uint64_t charge = content.size() + data.bytes.size();
-  if (charge > budget_) return;
   const std::lock_guard<std::mutex> lock(mutex_);
   try {
     items_.push_back(Item{std::move(content), crc, data});
   } catch (const std::bad_alloc&) {
     return; // nothing kept: the file is compressed again when met again
   }
+  const Item& kept = items_.back();
+  const std::uint64_t charge = Charge(kept);
+  try {
+    if (charge > budget_) throw std::bad_alloc();
+    index_.emplace(Key(kept.content.size(), crc), &kept);
+  } catch (const std::bad_alloc&) {
+    items_.pop_back();
+    return;
+  }
   held_ += charge;
   while (held_ > budget_) {
-    held_ -= items_.front().content.size() + items_.front().data.bytes.size();
+    const Item& oldest = items_.front();
+    const auto [first, last] = index_.equal_range(Key(oldest.content.size(), oldest.crc));
+    for (auto at = first; at != last; ++at)
+      if (at->second == &oldest) {
+        index_.erase(at);
+        break;
+      }
+    held_ -= Charge(oldest);
     items_.pop_front();
   }
 }
 
 void SeenData::Clear() {
   const std::lock_guard<std::mutex> lock(mutex_);
+  index_.clear();
   items_.clear();
   held_ = 0;
 }

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 class CEncodeDecode1;
@@ -93,8 +94,15 @@ private:
     DWORD crc = 0;
     CompressedData data;
   };
+  // What an item is counted for: its bytes, and as much again for what
+  // holding them costs, so that many tiny files are bounded as well.
+  static std::uint64_t Charge(const Item& item);
+  static std::uint64_t Key(std::size_t size, DWORD crc) {
+    return static_cast<std::uint64_t>(size) << 32 | crc;
+  }
   std::mutex mutex_;
-  std::deque<Item> items_; // oldest first
+  std::deque<Item> items_; // oldest first; its elements stay where they are
+  std::unordered_multimap<std::uint64_t, const Item*> index_; // by size and CRC
   std::uint64_t held_ = 0;
   std::uint64_t budget_;
 };

@@ -4,6 +4,7 @@
 #include "engine/code_format1.h"
 #include "engine/lz_tree.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <new>
@@ -279,9 +280,10 @@ BOOL CEncodeDecodeBase::Create(BYTE dicBits, WORD maxMatch) {
   const std::size_t textBytes = maxMatch + 2 * n;
   if (Keeper != nullptr && Keeper->NodeBlock && Keeper->NodeBytes == nodeBytes &&
       Keeper->TextBytes == textBytes) {
+    // The node block is set up by each compression for what it uses, as
+    // after a first allocation (whose zeros nothing relies on).
     NodeBlock = std::move(Keeper->NodeBlock);
     Text = std::move(Keeper->Text);
-    std::fill_n(NodeBlock.get(), nodeBytes, BYTE{0});
     std::fill_n(Text.get(), textBytes, BYTE{0});
   } else {
     NodeBlock.reset(new (std::nothrow) BYTE[nodeBytes]());
@@ -369,19 +371,28 @@ Links LinksOf(const CEncodeDecodeBase& engine) {
 
 } // namespace
 
-void CEncodeDecodeBase::InitTree() {
-  const WORD n = DicSize;
+void CEncodeDecodeBase::InitTree(unsigned positions) {
+  const unsigned n = DicSize;
   for (unsigned c = 0; c < 256; ++c) {
     NodeInfo[n + c].Level = 1;
     NodeInfo[n + c].ChildCount = 0;
     NodeInfo[n + c].Position = 0;
   }
   Avail = 1;
-  for (unsigned i = 0; i < n; ++i) {
-    Nodes[n + i].Parent = NIL;
-    Nodes[i].Next = static_cast<WORD>(i + 1);
-  }
-  for (unsigned h = 0; h < HashSize; ++h) HashHeads[h] = NIL;
+  // A position looks at no leaf but its own and those already entered, and
+  // takes at most one internal node. When every position lies in the first
+  // window (no slide), the leaves from the first position on and one free
+  // node per position are all the tree reaches: a small file sets up that
+  // much, not the whole block.
+  const unsigned first = n + MaxMatch;
+  const bool oneWindow = positions < 2 * n - first;
+  const unsigned leaves = oneWindow ? positions : n;
+  const unsigned leaf = oneWindow ? first : n;
+  for (unsigned i = 0; i < leaves; ++i) Nodes[leaf + i].Parent = NIL;
+  const unsigned free = oneWindow ? positions + 1 : n;
+  for (unsigned i = 0; i < free; ++i) Nodes[i].Next = static_cast<WORD>(i + 1);
+  // (HashSize read once: the stores could otherwise be taken to change it.)
+  std::fill_n(HashHeads, std::size_t{HashSize}, NIL);
 }
 
 void CEncodeDecodeBase::UpdateDictionary() {
@@ -436,7 +447,6 @@ BOOL CEncodeDecodeBase::EncodeLoop(Coder& coder, CFileIO* source, CFileBit* dest
   Aborted = 0;
   TextEnd = static_cast<WORD>(2 * n);
   const unsigned textEnd = TextEnd;
-  InitTree();
   Tree<Shape> t;
   static_cast<Shape&>(t) = shape;
   t.links = Links{reinterpret_cast<WORD*>(NodeBlock.get()), 6 * n};
@@ -445,7 +455,7 @@ BOOL CEncodeDecodeBase::EncodeLoop(Coder& coder, CFileIO* source, CFileBit* dest
   t.pos = n + maxMatch;
   t.matchPos = 0;
   t.matchLen = 0;
-  t.avail = Avail;
+  t.avail = 1;
   std::memset(text + t.pos, 0x20, n);
 
   unsigned remainder = 0;
@@ -462,6 +472,10 @@ BOOL CEncodeDecodeBase::EncodeLoop(Coder& coder, CFileIO* source, CFileBit* dest
   bool failed = !coder.Start(e);
   if (!failed) {
     remainder = source->Read(text + t.pos, n);
+    // The tree is set up for the positions of this first block; data that
+    // fills it up to a slide may bring more, and gets the whole tree.
+    InitTree(remainder + 1);
+    t.avail = Avail;
     t.matchLen = 0;
     UpdateTree(t);
     if (t.matchLen > remainder) t.matchLen = remainder;

@@ -158,7 +158,9 @@ protected:
   void UpdateDictionary();
 
 private:
-  void InitTree();
+  // An empty tree for `positions` positions entered from the first one on;
+  // enough positions to reach the window's end get the whole tree.
+  void InitTree(unsigned positions);
   void Notify(DWORD count, bool compressing);
   BOOL Conclude(bool endOk, const CFileIO* destination, DWORD e, DWORD* error) const;
   BOOL OnFile(HANDLE file, CFileBit* bits, DWORD* crc, DWORD* error, BOOL notify,

@@ -10,10 +10,11 @@ namespace enginetest {
 
 Bytes FromString(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
-Bytes Compress(const Bytes& data, bool general) {
+Bytes Compress(const Bytes& data, bool general, EngineArrays* keeper) {
   VirtualEngine virtualEngine;
   CEncodeDecode1 directEngine;
   CEncodeDecode1& engine = general ? virtualEngine : directEngine;
+  engine.Keeper = keeper;
   if (!engine.Create(13, 256)) return {};
   Bytes out(data.size() * 9 / 8 + 64);
   CFileBit bits;

@@ -19,8 +19,10 @@ Bytes FromString(const std::string& text);
 class VirtualEngine : public CEncodeDecode1 {};
 
 // Compresses `data` with a fresh engine (13, 256) into memory. `general`
-// selects the general path of the loops instead of the direct one.
-Bytes Compress(const Bytes& data, bool general = false);
+// selects the general path of the loops instead of the direct one; with a
+// keeper the engine takes its arrays from there (as left by the engine
+// before) and gives them back.
+Bytes Compress(const Bytes& data, bool general = false, EngineArrays* keeper = nullptr);
 
 // Expands a stream with a fresh engine into at most `limit` bytes.
 // `ok` receives Decode's result and `error` its code.

@@ -1,5 +1,6 @@
 // The one-shot file variants at a non-zero file position, which they never
 // move.
+#include "engine/entry_data.h"
 #include "engine_test_util.h"
 
 #include "support/test_support.h"
@@ -141,3 +142,31 @@ TEST(OneShotFiles, FileToFileBothWays) {
 }
 
 } // namespace
+
+TEST(SeenFiles, KeepTheNewestWithinTheirBudgetAndMatchOnlyTheSameBytes) {
+  // Four files of 1000 bytes where three fit: the oldest goes, the others
+  // are found by their bytes; a file of the same size and CRC with other
+  // bytes is not; nothing is found once emptied.
+  talvern::engine::SeenData seen(4000);
+  const auto file = [](std::uint8_t fill) { return std::vector<BYTE>(1000, fill); };
+  const auto dataOf = [](std::uint8_t fill) {
+    talvern::engine::CompressedData data;
+    data.bytes.assign(100, fill);
+    data.packed = 100;
+    data.reads = {1000, 0};
+    data.crc = fill;
+    data.bytesRead = 1000;
+    return data;
+  };
+  for (std::uint8_t fill = 1; fill <= 4; ++fill) seen.Keep(file(fill), fill, dataOf(fill));
+  talvern::engine::CompressedData found;
+  EXPECT_FALSE(seen.Find(file(1).data(), 1000, 1, found));
+  for (std::uint8_t fill = 2; fill <= 4; ++fill) {
+    ASSERT_TRUE(seen.Find(file(fill).data(), 1000, fill, found)) << int{fill};
+    EXPECT_EQ(found.bytes, dataOf(fill).bytes);
+    EXPECT_EQ(found.reads, dataOf(fill).reads);
+  }
+  EXPECT_FALSE(seen.Find(file(9).data(), 1000, 3, found)); // the CRC of a kept file
+  seen.Clear();
+  EXPECT_FALSE(seen.Find(file(4).data(), 1000, 4, found));
+}
