@@ -10,7 +10,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <utility>
 
 namespace talvern::engine {
 namespace {
@@ -23,16 +22,18 @@ std::uint64_t OriginalSize(const CArchiveEntry& entry) {
          entry.FindData.nFileSizeLow;
 }
 
-// A source that keeps the byte count of every read: over a summing stream,
-// for progress that is told to the host later; over a notifying one, also
-// kept while the host hears of each read as it happens.
-template <class Stream> class RecordingSource : public Stream {
+// A notifying source that also keeps the byte count of every read: the
+// engine tells its host of each read as it happens (when it has a host),
+// and the counts are there for telling later.
+class CountingSource : public CFileNotifyCRC {
 public:
-  template <class... Args>
-  explicit RecordingSource(std::vector<DWORD>& reads, Args&&... args)
-      : Stream(std::forward<Args>(args)...), reads_(reads) {}
+  CountingSource(std::vector<DWORD>& reads, HANDLE file, const BYTE* memory,
+                 const CArchiveSize* limit)
+      : CFileNotifyCRC(file, limit), reads_(reads) {
+    if (memory != nullptr) SetMemory(memory, limit->GetValue());
+  }
   DWORD Read(void* buffer, DWORD count) override {
-    const DWORD n = Stream::Read(buffer, count);
+    const DWORD n = CFileNotifyCRC::Read(buffer, count);
     reads_.push_back(n);
     return n;
   }
@@ -40,8 +41,6 @@ public:
 private:
   std::vector<DWORD>& reads_;
 };
-using CountingSource = RecordingSource<CFileCRC>;
-using TellingSource = RecordingSource<CFileNotifyCRC>;
 
 void SetSource(CFileIO& stream, const StoredData& data) {
   if (data.memory != nullptr)
@@ -110,18 +109,9 @@ bool CompressInto(DWORD& error, HANDLE source, const BYTE* memory, std::uint64_t
     error = ERROR_OUTOFMEMORY;
     return false;
   }
-  // With a host to tell, the engine tells it of every read as it happens;
-  // without one, the reads are kept for telling later.
   const CArchiveSize limit(size);
-  TellingSource told = memory != nullptr ? TellingSource(out.reads, memory, &limit)
-                                         : TellingSource(out.reads, source, &limit);
-  told.Target = &engine;
-  CountingSource kept(out.reads);
-  if (memory != nullptr)
-    kept.SetMemory(memory, size);
-  else
-    kept.SetFile(source, size);
-  CFileCRC& stream = progress != nullptr ? static_cast<CFileCRC&>(told) : kept;
+  CountingSource stream(out.reads, source, memory, &limit);
+  stream.Target = &engine;
   DWORD e = ERROR_SUCCESS;
   const BOOL done = engine.Encode(&stream, &bits, &e);
   bits.Finish();
@@ -149,9 +139,8 @@ bool CompressToFile(DWORD& error, HANDLE source, std::uint64_t size, HANDLE targ
   return CompressInto(error, source, nullptr, size, target, out, nullptr, arrays);
 }
 
-std::uint64_t SeenData::Charge(const Item& item) {
-  return item.content.size() + item.data.bytes.size() + item.data.reads.size() * sizeof(DWORD) +
-         sizeof(Item) + 64;
+std::uint64_t SeenData::Charge(std::size_t size, const CompressedData& data) {
+  return size + data.bytes.size() + data.reads.size() * sizeof(DWORD) + sizeof(Item) + 64;
 }
 
 bool SeenData::Find(const BYTE* content, std::size_t size, DWORD crc, CompressedData& out) {
@@ -171,17 +160,18 @@ bool SeenData::Find(const BYTE* content, std::size_t size, DWORD crc, Compressed
 }
 
 void SeenData::Keep(std::vector<BYTE>&& content, DWORD crc, const CompressedData& data) {
+  const std::uint64_t charge = Charge(content.size(), data);
+  if (charge > budget_) return;
   const std::lock_guard<std::mutex> lock(mutex_);
+  // When memory is short nothing is kept: the file is compressed again
+  // when met again.
   try {
     items_.push_back(Item{std::move(content), crc, data});
   } catch (const std::bad_alloc&) {
-    return; // nothing kept: the file is compressed again when met again
+    return;
   }
-  const Item& kept = items_.back();
-  const std::uint64_t charge = Charge(kept);
   try {
-    if (charge > budget_) throw std::bad_alloc();
-    index_.emplace(Key(kept.content.size(), crc), &kept);
+    index_.emplace(Key(items_.back().content.size(), crc), &items_.back());
   } catch (const std::bad_alloc&) {
     items_.pop_back();
     return;
@@ -195,7 +185,7 @@ void SeenData::Keep(std::vector<BYTE>&& content, DWORD crc, const CompressedData
         index_.erase(at);
         break;
       }
-    held_ -= Charge(oldest);
+    held_ -= Charge(oldest.content.size(), oldest.data);
     items_.pop_front();
   }
 }
@@ -217,16 +207,12 @@ bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedDat
   } catch (const std::bad_alloc&) {
     return CompressToMemory(error, source, size, out, progress, arrays);
   }
-  std::size_t got = 0;
-  while (got < content.size()) {
-    DWORD n = 0;
-    if (!ReadFile(source, content.data() + got, static_cast<DWORD>(content.size() - got), &n,
-                  nullptr) ||
-        n == 0)
-      break;
-    got += n;
-  }
-  const DWORD crc = Crc32Update(0, content.data(), got);
+  // Read as the engine reads (a failed read gives nothing more), with the
+  // CRC that finds the file among the kept ones.
+  CFileCRC whole;
+  whole.SetFile(source, size);
+  const DWORD got = whole.Read(content.data(), static_cast<DWORD>(size));
+  const DWORD crc = whole.Crc;
   if (got == content.size() && seen.Find(content.data(), got, crc, out)) {
     if (progress != nullptr && !ReplayCompressProgress(*progress, out.reads)) {
       error = ERROR_CANCELLED;

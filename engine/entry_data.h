@@ -94,9 +94,9 @@ private:
     DWORD crc = 0;
     CompressedData data;
   };
-  // What an item is counted for: its bytes, and as much again for what
-  // holding them costs, so that many tiny files are bounded as well.
-  static std::uint64_t Charge(const Item& item);
+  // What a file of `size` bytes with this data is counted for: its bytes
+  // and what holding them costs, so that many tiny files are bounded too.
+  static std::uint64_t Charge(std::size_t size, const CompressedData& data);
   static std::uint64_t Key(std::size_t size, DWORD crc) {
     return static_cast<std::uint64_t>(size) << 32 | crc;
   }
