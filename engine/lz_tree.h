@@ -14,6 +14,7 @@
 
 #include "engine/lz_engine.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstring>
@@ -125,6 +126,49 @@ TALVERN_ALWAYS_INLINE unsigned ChildChain(unsigned parent, unsigned c) {
   return (((parent * 0x9E3779B1u) >> 19) + c) & (CEncodeDecodeBase::ChainCount - 1);
 }
 
+// a when the condition holds, else b, computed without a branch: the
+// conditions here follow the data and would be mispredicted as branches,
+// which compilers tend to make of them.
+TALVERN_ALWAYS_INLINE unsigned Choose(bool condition, unsigned a, unsigned b) {
+#if (defined(__GNUC__) || defined(__clang__)) && defined(__x86_64__)
+  __asm__("test %[c], %[c]\n\tcmovne %[a], %[b]"
+          : [b] "+r"(b)
+          : [c] "r"(static_cast<unsigned>(condition)), [a] "r"(a)
+          : "cc");
+  return b;
+#else
+  return condition ? a : b;
+#endif
+}
+
+// Gives node q the position pos, and its ancestors that wait for one (their
+// position is flagged) too, up to the first that does not wait: that one is
+// given pos flagged, unless it is a root. In nearly nine walks in ten
+// nothing above q's parent changes, so q and its parent are settled without
+// a branch on the data, and only a longer walk goes on in a loop.
+TALVERN_ALWAYS_INLINE void Percolate(const Links& l, NodeData* info, unsigned n, unsigned q,
+                                     unsigned pos) {
+  const unsigned u0 = info[q].Position;
+  const bool waits0 = (u0 & PercolateFlag) != 0;
+  // Roots never wait (their position is never set), so a waiting q is an
+  // internal node whose parent is a real node; otherwise node 0 stands in.
+  const unsigned x1 = Choose(waits0, l.Parent(q), NIL);
+  const unsigned u1 = info[x1].Position;
+  const bool waits1 = waits0 & ((u1 & PercolateFlag) != 0);
+  const unsigned flagged = pos | PercolateFlag;
+  info[q].Position = static_cast<WORD>(Choose(waits0, pos, Choose(q < n, flagged, u0)));
+  info[x1].Position =
+      static_cast<WORD>(Choose(waits0, Choose(waits1, pos, Choose(x1 < n, flagged, u1)), u1));
+  if (waits1) [[unlikely]] {
+    unsigned x = l.Parent(x1);
+    while (info[x].Position & PercolateFlag) {
+      info[x].Position = static_cast<WORD>(pos);
+      x = l.Parent(x);
+    }
+    if (x < n) info[x].Position = static_cast<WORD>(flagged);
+  }
+}
+
 // The engine's parameters: known while compiling for the drivers' own
 // (8192, 256, 3), which frees registers in the loop, or held as values.
 struct DriverShape {
@@ -163,19 +207,36 @@ TALVERN_NOINLINE unsigned MergeParent(const Links l, NodeData* info, const Shape
 
   const unsigned leaf = info[r].Position & 0x7FFFu;
   unsigned s = adjust(leaf);
-  unsigned q = l.Parent(r);
-  unsigned u = info[q].Position;
-  while (u & PercolateFlag) {
-    u = adjust(u & 0x7FFFu);
-    if (u > s) s = u;
-    info[q].Position = static_cast<WORD>(s | n);
-    q = l.Parent(q);
-    u = info[q].Position;
-  }
-  if (q < n) {
-    u = adjust(u);
-    if (u > s) s = u;
-    info[q].Position = static_cast<WORD>(s | n | PercolateFlag);
+  // As in Percolate: the parent and grandparent without a branch on the
+  // data, further ancestors in a loop.
+  const unsigned q0 = l.Parent(r);
+  const unsigned u0 = info[q0].Position;
+  const bool waits0 = (u0 & PercolateFlag) != 0;
+  const unsigned s0 = std::max(s, adjust(u0 & 0x7FFFu));
+  const unsigned q1 = Choose(waits0, l.Parent(q0), NIL);
+  const unsigned u1 = info[q1].Position;
+  const bool waits1 = waits0 & ((u1 & PercolateFlag) != 0);
+  const unsigned s1 = std::max(s0, adjust(u1 & 0x7FFFu));
+  info[q0].Position =
+      static_cast<WORD>(Choose(waits0, s0 | n, Choose(q0 < n, s0 | n | PercolateFlag, u0)));
+  info[q1].Position = static_cast<WORD>(
+      Choose(waits0, Choose(waits1, s1 | n, Choose(q1 < n, s1 | n | PercolateFlag, u1)), u1));
+  if (waits1) [[unlikely]] {
+    s = s1;
+    unsigned q = l.Parent(q1);
+    unsigned u = info[q].Position;
+    while (u & PercolateFlag) {
+      u = adjust(u & 0x7FFFu);
+      if (u > s) s = u;
+      info[q].Position = static_cast<WORD>(s | n);
+      q = l.Parent(q);
+      u = info[q].Position;
+    }
+    if (q < n) {
+      u = adjust(u);
+      if (u > s) s = u;
+      info[q].Position = static_cast<WORD>(s | n | PercolateFlag);
+    }
   }
 
   unsigned x = leaf;
@@ -246,12 +307,7 @@ template <class Shape> TALVERN_ALWAYS_INLINE void UpdateTree(Tree<Shape>& t) {
       r = q;
       q = l.Parent(q);
     }
-    unsigned x = q;
-    while (info[x].Position & PercolateFlag) {
-      info[x].Position = static_cast<WORD>(pos);
-      x = l.Parent(x);
-    }
-    if (x < n) info[x].Position = static_cast<WORD>(pos | PercolateFlag);
+    Percolate(l, info, n, q, pos);
     lookup = false;
   }
   unsigned matchLen = len;
