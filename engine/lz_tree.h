@@ -126,19 +126,11 @@ TALVERN_ALWAYS_INLINE unsigned ChildChain(unsigned parent, unsigned c) {
   return (((parent * 0x9E3779B1u) >> 19) + c) & (CEncodeDecodeBase::ChainCount - 1);
 }
 
-// a when the condition holds, else b, computed without a branch: the
-// conditions here follow the data and would be mispredicted as branches,
-// which compilers tend to make of them.
-TALVERN_ALWAYS_INLINE unsigned Choose(bool condition, unsigned a, unsigned b) {
-#if (defined(__GNUC__) || defined(__clang__)) && defined(__x86_64__)
-  __asm__("test %[c], %[c]\n\tcmovne %[a], %[b]"
-          : [b] "+r"(b)
-          : [c] "r"(static_cast<unsigned>(condition)), [a] "r"(a)
-          : "cc");
-  return b;
-#else
-  return condition ? a : b;
-#endif
+// All bits set when the condition holds, else none: for choices made
+// without a branch, where the condition follows the data and a branch
+// would often be mispredicted.
+TALVERN_ALWAYS_INLINE unsigned MaskIf(bool condition) {
+  return 0u - static_cast<unsigned>(condition);
 }
 
 // Gives node q the position pos, and its ancestors that wait for one (their
@@ -148,18 +140,21 @@ TALVERN_ALWAYS_INLINE unsigned Choose(bool condition, unsigned a, unsigned b) {
 // a branch on the data, and only a longer walk goes on in a loop.
 TALVERN_ALWAYS_INLINE void Percolate(const Links& l, NodeData* info, unsigned n, unsigned q,
                                      unsigned pos) {
-  const unsigned u0 = info[q].Position;
-  const bool waits0 = (u0 & PercolateFlag) != 0;
-  // Roots never wait (their position is never set), so a waiting q is an
-  // internal node whose parent is a real node; otherwise node 0 stands in.
-  const unsigned x1 = Choose(waits0, l.Parent(q), NIL);
-  const unsigned u1 = info[x1].Position;
-  const bool waits1 = waits0 & ((u1 & PercolateFlag) != 0);
+  // A root never waits and keeps position 0, so a node's new position is
+  // pos flagged, without the flag when it waited, or 0 for a root. A waiting
+  // q is an internal node whose parent is a real node; when q does not
+  // wait, node 0 stands in for its parent and keeps what it holds.
   const unsigned flagged = pos | PercolateFlag;
-  info[q].Position = static_cast<WORD>(Choose(waits0, pos, Choose(q < n, flagged, u0)));
-  info[x1].Position =
-      static_cast<WORD>(Choose(waits0, Choose(waits1, pos, Choose(x1 < n, flagged, u1)), u1));
-  if (waits1) [[unlikely]] {
+  const unsigned u0 = info[q].Position;
+  const unsigned waits0 = u0 & PercolateFlag;
+  const unsigned keep0 = MaskIf(waits0 != 0);
+  const unsigned x1 = l.Parent(q) & keep0;
+  const unsigned u1 = info[x1].Position;
+  const unsigned waits1 = u1 & waits0;
+  info[q].Position = static_cast<WORD>((flagged & MaskIf(q < n)) ^ waits0);
+  const unsigned v1 = (flagged & MaskIf(x1 < n)) ^ (u1 & PercolateFlag);
+  info[x1].Position = static_cast<WORD>(u1 ^ ((v1 ^ u1) & keep0));
+  if (waits1 != 0) [[unlikely]] {
     unsigned x = l.Parent(x1);
     while (info[x].Position & PercolateFlag) {
       info[x].Position = static_cast<WORD>(pos);
@@ -211,17 +206,17 @@ TALVERN_NOINLINE unsigned MergeParent(const Links l, NodeData* info, const Shape
   // data, further ancestors in a loop.
   const unsigned q0 = l.Parent(r);
   const unsigned u0 = info[q0].Position;
-  const bool waits0 = (u0 & PercolateFlag) != 0;
+  const unsigned waits0 = u0 & PercolateFlag;
+  const unsigned keep0 = MaskIf(waits0 != 0);
   const unsigned s0 = std::max(s, adjust(u0 & 0x7FFFu));
-  const unsigned q1 = Choose(waits0, l.Parent(q0), NIL);
+  const unsigned q1 = l.Parent(q0) & keep0;
   const unsigned u1 = info[q1].Position;
-  const bool waits1 = waits0 & ((u1 & PercolateFlag) != 0);
+  const unsigned waits1 = u1 & waits0;
   const unsigned s1 = std::max(s0, adjust(u1 & 0x7FFFu));
-  info[q0].Position =
-      static_cast<WORD>(Choose(waits0, s0 | n, Choose(q0 < n, s0 | n | PercolateFlag, u0)));
-  info[q1].Position = static_cast<WORD>(
-      Choose(waits0, Choose(waits1, s1 | n, Choose(q1 < n, s1 | n | PercolateFlag, u1)), u1));
-  if (waits1) [[unlikely]] {
+  info[q0].Position = static_cast<WORD>(((s0 | n | PercolateFlag) & MaskIf(q0 < n)) ^ waits0);
+  const unsigned v1 = ((s1 | n | PercolateFlag) & MaskIf(q1 < n)) ^ (u1 & PercolateFlag);
+  info[q1].Position = static_cast<WORD>(u1 ^ ((v1 ^ u1) & keep0));
+  if (waits1 != 0) [[unlikely]] {
     s = s1;
     unsigned q = l.Parent(q1);
     unsigned u = info[q].Position;
