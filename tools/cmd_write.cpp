@@ -221,10 +221,10 @@ int RunCreate(Session& session) {
   Totals planned;
   if (wholeFolder) {
     host.SetSourceBase(sourceFull);
-    host.CountTree(sourceFull, CString(), planned);
+    host.CountTree(sourceFull, CString(), planned, session.progress.Shows());
   } else {
     host.SetSourceBase(item.folder);
-    host.CountItem(item.folder, item.entry, planned);
+    host.CountItem(item.folder, item.entry, planned, session.progress.Shows());
   }
 
   session.progress.Begin("create", planned.files, planned.bytes);
@@ -303,7 +303,7 @@ int RunAdd(Session& session) {
       continue;
     }
     host.SetSourceBase(item.folder);
-    host.CountItem(item.folder, item.entry, planned);
+    host.CountItem(item.folder, item.entry, planned, session.progress.Shows());
     items.push_back(item);
   }
 

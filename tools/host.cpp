@@ -345,7 +345,8 @@ int Host::IsMatchExpandFile(const CArchiveEntry& entry, CSrchFlags srch, CAttrFl
 
 // ---- Counting what adding takes ------------------------------------------------------
 
-void Host::CountTree(const CString& baseDir, const CString& folder, Totals& totals) const {
+void Host::CountTree(const CString& baseDir, const CString& folder, Totals& totals,
+                     bool files) const {
   CString pattern = baseDir;
   if (!pattern.empty() && !folder.empty()) pattern += u'\\';
   pattern += folder;
@@ -354,7 +355,7 @@ void Host::CountTree(const CString& baseDir, const CString& folder, Totals& tota
   const CSrchFlags srch = options_.srch;
   for (const bool directories : {true, false}) {
     if (directories && (srch & SrchExcludeDir)) continue;
-    if (!directories && (srch & SrchDirOnly)) continue;
+    if (!directories && ((srch & SrchDirOnly) || !files)) continue;
     CArchiveEntry item;
     item.Path = folder;
     // The folder pass needs no look at the files.
@@ -368,13 +369,14 @@ void Host::CountTree(const CString& baseDir, const CString& folder, Totals& tota
       if (isDirectory != directories || (isDirectory && IsDots(item.FindData.cFileName))) continue;
       const bool taken = directories ? IsMatchCompressDir(item, srch, options_.attr)
                                      : IsMatchCompressFile(item, srch, options_.attr);
-      if (taken) CountItem(baseDir, item, totals);
+      if (taken) CountItem(baseDir, item, totals, files);
     } while (FindNextFileW(find, &item.FindData));
     ::FindClose(find);
   }
 }
 
-void Host::CountItem(const CString& baseDir, CArchiveEntry& item, Totals& totals) const {
+void Host::CountItem(const CString& baseDir, CArchiveEntry& item, Totals& totals,
+                     bool files) const {
   totals.Add(!IsDirectory(item), EntrySize(item), 0);
   if (!IsDirectory(item) || (options_.srch & SrchNoRecurse)) return;
   // The library stores a folder reached through a link without entering
@@ -387,7 +389,7 @@ void Host::CountItem(const CString& baseDir, CArchiveEntry& item, Totals& totals
       return;
     }
   }
-  CountTree(baseDir, EntryPathOf(item.Path, item.FindData.cFileName), totals);
+  CountTree(baseDir, EntryPathOf(item.Path, item.FindData.cFileName), totals, files);
 }
 
 // ---- Progress ---------------------------------------------------------------------------

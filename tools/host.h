@@ -67,8 +67,11 @@ public:
 
   // What adding would take below the folder baseDir\folder (nothing for a
   // missing folder), and what adding one item (with its tree) would take.
-  void CountTree(const CString& baseDir, const CString& folder, Totals& totals) const;
-  void CountItem(const CString& baseDir, CArchiveEntry& item, Totals& totals) const;
+  // Without files, the files in the folders are not looked at (nor
+  // counted): the folders alone show which are linked, and a walk without a
+  // progress bar to feed needs no more.
+  void CountTree(const CString& baseDir, const CString& folder, Totals& totals, bool files) const;
+  void CountItem(const CString& baseDir, CArchiveEntry& item, Totals& totals, bool files) const;
   // Whether the person's patterns (--include/--exclude) take an item.
   bool FilterTakes(const CString& folder, const WCHAR* name, bool isDirectory) const;
   // Whether extraction takes an entry (selection flags and patterns).

@@ -35,6 +35,8 @@ public:
   // Prints a line to the stream, keeping the bar intact.
   void Print(std::FILE* stream, const std::string& line);
 
+  // Whether the bar is drawn (and so wants the totals).
+  bool Shows() const { return bar_; }
   std::uint64_t FilesDone() const { return filesDone_; }
   std::uint64_t BytesDone() const { return bytesDone_ + itemDone_; }
   double Seconds() const;
