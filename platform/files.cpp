@@ -352,7 +352,8 @@ BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
   auto* p = static_cast<unsigned char*>(buffer);
   DWORD done = 0;
   while (done < bytesToRead) {
-    const ssize_t n = ::read(f->fd, p + done, bytesToRead - done);
+    const ssize_t n = f->position >= 0 ? ::pread(f->fd, p + done, bytesToRead - done, f->position)
+                                       : ::read(f->fd, p + done, bytesToRead - done);
     if (n < 0) {
       if (errno == EINTR) continue;
       if (bytesRead != nullptr) *bytesRead = done;
@@ -392,7 +393,8 @@ BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWri
   const auto* p = static_cast<const unsigned char*>(buffer);
   DWORD done = 0;
   while (done < bytesToWrite) {
-    const ssize_t n = ::write(f->fd, p + done, bytesToWrite - done);
+    const ssize_t n = f->position >= 0 ? ::pwrite(f->fd, p + done, bytesToWrite - done, f->position)
+                                       : ::write(f->fd, p + done, bytesToWrite - done);
     if (n < 0) {
       if (errno == EINTR) continue;
       if (bytesWritten != nullptr) *bytesWritten = done;
@@ -440,13 +442,13 @@ DWORD SetFilePointer(HANDLE file, LONG distanceToMove, PLONG distanceToMoveHigh,
     SetLastError(ERROR_INVALID_PARAMETER);
     return INVALID_SET_FILE_POINTER;
   }
-  // Where the file already stands it stays, without asking the system.
-  if (target != f->position) {
-    if (::lseek(f->fd, static_cast<off_t>(target), SEEK_SET) < 0) {
-      SetLastErrorFromErrno(errno);
-      return INVALID_SET_FILE_POINTER;
-    }
-    if (f->position >= 0) f->position = target;
+  // A file whose position is kept here is read and written at that
+  // position, so moving costs no system call.
+  if (f->position >= 0) {
+    f->position = target;
+  } else if (::lseek(f->fd, static_cast<off_t>(target), SEEK_SET) < 0) {
+    SetLastErrorFromErrno(errno);
+    return INVALID_SET_FILE_POINTER;
   }
   if (distanceToMoveHigh != nullptr) *distanceToMoveHigh = static_cast<LONG>(target >> 32);
   const auto low = static_cast<DWORD>(target);

@@ -231,8 +231,9 @@ public:
   ino_t inode = 0;
   bool shareRegistered = false;
   std::shared_ptr<Medium> medium;
-  // The file position, kept here so that moving to where the file already
-  // stands costs no system call; -1 when unknown (folders, O_PATH handles).
+  // The file position, kept here: reads and writes go to it (pread and
+  // pwrite) and moving it costs no system call; -1 when unknown (folders,
+  // O_PATH handles), where the system's own position serves.
   std::int64_t position = -1;
   // The item's extended attribute record as this handle last read or wrote
   // it, valid while no call of the process changed a record since
