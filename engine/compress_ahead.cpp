@@ -189,10 +189,8 @@ void CompressAhead::Work() {
       if (sized && GetFileTime(source.Get(), nullptr, nullptr, &file.lastWrite)) {
         file.size = static_cast<std::uint64_t>(high) << 32 | low;
         if (!job->spills)
-          file.ok = seen_ != nullptr ? CompressSeen(error, source.Get(), file.size, file.data,
-                                                    *seen_, nullptr, &arrays)
-                                     : CompressToMemory(error, source.Get(), file.size, file.data,
-                                                        nullptr, &arrays);
+          file.ok =
+              CompressSeen(error, source.Get(), file.size, file.data, seen_, nullptr, &arrays);
         else if (OpenSpill(file.spill))
           file.ok = CompressToFile(error, source.Get(), file.size, file.spill.File().Get(),
                                    file.data, &arrays) &&

@@ -198,8 +198,8 @@ void SeenData::Clear() {
 }
 
 bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
-                  SeenData& seen, const ProgressTarget* progress, EngineArrays* arrays) {
-  if (size == 0 || size > SeenData::Largest)
+                  SeenData* seen, const ProgressTarget* progress, EngineArrays* arrays) {
+  if (seen == nullptr || size == 0 || size > SeenData::Largest)
     return CompressToMemory(error, source, size, out, progress, arrays);
   std::vector<BYTE> content;
   try {
@@ -213,7 +213,7 @@ bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedDat
   whole.SetFile(source, size);
   const DWORD got = whole.Read(content.data(), static_cast<DWORD>(size));
   const DWORD crc = whole.Crc;
-  if (got == content.size() && seen.Find(content.data(), got, crc, out)) {
+  if (got == content.size() && seen->Find(content.data(), got, crc, out)) {
     if (progress != nullptr && !ReplayCompressProgress(*progress, out.reads)) {
       error = ERROR_CANCELLED;
       return false;
@@ -223,7 +223,7 @@ bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedDat
   if (!CompressInto(error, INVALID_HANDLE_VALUE, content.data(), got, INVALID_HANDLE_VALUE, out,
                     progress, progress != nullptr ? progress->arrays : arrays))
     return false;
-  if (got == content.size()) seen.Keep(std::move(content), crc, out);
+  if (got == content.size()) seen->Keep(std::move(content), crc, out);
   return true;
 }
 

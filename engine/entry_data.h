@@ -107,13 +107,14 @@ private:
   std::uint64_t budget_;
 };
 
-// As CompressToMemory, but a file of at most SeenData::Largest bytes is
-// read whole first: when `seen` keeps its bytes, the kept data is taken
-// and the host hears the calls the compression would have made; otherwise
-// it is compressed from memory and kept. A read that fails or ends early
-// ends the data there, as it does for the engine reading the file itself.
+// As CompressToMemory, but with `seen` (not null) a file of at most
+// SeenData::Largest bytes is read whole first: when `seen` keeps its
+// bytes, the kept data is taken and the host hears the calls the
+// compression would have made; otherwise it is compressed from memory and
+// kept. A read that fails or ends early ends the data there, as it does
+// for the engine reading the file itself.
 bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
-                  SeenData& seen, const ProgressTarget* progress = nullptr,
+                  SeenData* seen, const ProgressTarget* progress = nullptr,
                   EngineArrays* arrays = nullptr);
 
 // Tells the host what compressing the file told it, in the same calls with

@@ -131,6 +131,13 @@ void StartCompressAhead(CArchiveFileData& d, const CString& base, const CString&
                                                                d.FollowLinks, &d.Seen);
 }
 
+// Ends the walk's work ahead: stops the workers, then lets go of the files
+// kept for copies (which the workers used too).
+void EndCompressAhead(CArchiveFileData& d) {
+  d.Ahead.reset();
+  d.Seen.Clear();
+}
+
 CString JoinFolder(const CString& folder, const WCHAR* name) {
   CString joined = folder;
   if (!joined.empty()) joined += u'\\';
@@ -196,8 +203,7 @@ int CArchiveFile::CompressAll(const WCHAR* sourcePath, CSrchFlags srch, CAttrFla
       m_Data->Flags |= FlagBusy;
       StartCompressAhead(*m_Data, source, CString(), srch);
       result = DoCompressAll(root.c_str(), source.c_str(), entry, srch, attr);
-      m_Data->Ahead.reset();
-      m_Data->Seen.Clear();
+      EndCompressAhead(*m_Data);
       m_Data->Flags &= ~FlagBusy;
     }
   }
@@ -267,8 +273,7 @@ int CArchiveFile::Compress(const WCHAR* baseDir, CArchiveEntry& entry, CSrchFlag
         !(fd.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) && !(srch & SrchNoRecurse))
       StartCompressAhead(d, base, JoinFolder(entry.Path, fd.cFileName), srch);
     const int stored = DoCompress(root.c_str(), base.c_str(), entry, srch, attr);
-    d.Ahead.reset();
-    d.Seen.Clear();
+    EndCompressAhead(d);
     d.Flags &= ~FlagBusy;
     return stored;
   };
@@ -441,7 +446,7 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
       DWORD error = ERROR_SUCCESS;
       const bool done =
           entry.CompressType != 0
-              ? talvern::engine::CompressSeen(error, data.Get(), size, compressed, d.Seen, &hook)
+              ? talvern::engine::CompressSeen(error, data.Get(), size, compressed, &d.Seen, &hook)
               : ReadWhole(error, data.Get(), size, compressed);
       data.Close();
       if (!done) {
