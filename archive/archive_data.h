@@ -102,6 +102,13 @@ struct CArchiveFileData {
   // volume (0: not asked yet); the medium changes only with the volume.
   CString ClusterRoot;
   DWORD ClusterSize = 0;
+  // Set while the entry being added already went out in one write, record
+  // and data together: writing its record and copying its data then only
+  // move past those bytes.
+  bool EntryWrittenAhead = false;
+  // The adding walk's copy buffer, kept from item to item.
+  std::unique_ptr<BYTE[]> CopyBuffer;
+  DWORD CopyBufferSize = 0;
 
   // Bytes of a volume opened for reading only, read ahead by the record
   // reader, so that the records and the data of small entries cost no read
@@ -127,6 +134,12 @@ struct CArchiveFileData {
   // (0xFFFFFFFF is returned as it is; callers treat it as no limit.)
   DWORD EffectiveLimit() const;
 };
+
+// The bytes of the entry's record as it is written, with dataSize as its
+// data size: ERROR_SUCCESS, or the code of why it cannot be written
+// (ERROR_SEEK_ON_DEVICE when it is too large, ERROR_OUTOFMEMORY).
+DWORD ComposeEntryRecord(const CArchiveEntry& entry, std::uint64_t dataSize,
+                         std::vector<BYTE>& record);
 
 // A search handle: the position of the next record in the open volume.
 class CArchiveFindFile {

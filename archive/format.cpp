@@ -301,16 +301,8 @@ int CArchiveFile::DoReadEntry(const CArchiveOffset& position, const CArchiveSize
   return 1;
 }
 
-int CArchiveFile::DoWriteEntry(CArchiveEntry& entry, CArchiveSize* recordSize) {
-  if (recordSize != nullptr) *recordSize = 0;
-  const std::uint64_t entryOffset = entry.EntryOffset.GetValue();
-  entry.DataOffset = entryOffset;
-  const HANDLE file = m_Data->Handle;
-  if (!SeekTo(file, entryOffset)) {
-    SetErrorCode(LastErrorOr());
-    return 0;
-  }
-
+DWORD ComposeEntryRecord(const CArchiveEntry& entry, std::uint64_t dataSize,
+                         std::vector<BYTE>& record) {
   const DWORD pathLength = StoredLength(entry.Path.c_str());
   const DWORD nameLength = NameLength(entry.FindData) & 0xFFFFu;
   const bool hasBlock = entry.Security != nullptr && entry.Security->Data != nullptr;
@@ -319,32 +311,14 @@ int CArchiveFile::DoWriteEntry(CArchiveEntry& entry, CArchiveSize* recordSize) {
   std::uint64_t headerSize = kFixedPart;
   if (!AddChecked(headerSize, 2 + 2ull * pathLength) ||
       !AddChecked(headerSize, 2 + 2ull * nameLength) || !AddChecked(headerSize, 4) ||
-      !AddChecked(headerSize, blockLength) || headerSize > kMaxHeaderSize) {
-    SetErrorCode(ERROR_SEEK_ON_DEVICE);
-    return 0;
-  }
+      !AddChecked(headerSize, blockLength) || headerSize > kMaxHeaderSize)
+    return ERROR_SEEK_ON_DEVICE;
 
-  const DWORD limit = m_Data->EffectiveLimit();
-  if (limit != 0 && limit != 0xFFFFFFFFu) {
-    std::uint64_t end = entryOffset;
-    if (!AddChecked(end, headerSize)) {
-      SetErrorCode(ERROR_SEEK_ON_DEVICE);
-      return 0;
-    }
-    if (end > limit) {
-      SetErrorCode(ERROR_DISK_FULL);
-      return 0;
-    }
-  }
-
-  // The record goes out in one write, so that a medium without room for it
-  // takes none of it.
-  std::vector<BYTE> record;
+  record.clear();
   try {
     record.reserve(static_cast<size_t>(headerSize));
   } catch (const std::bad_alloc&) {
-    SetErrorCode(ERROR_OUTOFMEMORY);
-    return 0;
+    return ERROR_OUTOFMEMORY;
   }
   record.resize(kFixedPart);
   BYTE* fixed = record.data();
@@ -359,7 +333,7 @@ int CArchiveFile::DoWriteEntry(CArchiveEntry& entry, CArchiveSize* recordSize) {
   PutLE32(fixed + kOffSizeLow, fd.nFileSizeLow);
   PutLE32(fixed + kOffSizeHigh, fd.nFileSizeHigh);
   PutLE64(fixed + kOffPackedSize, entry.PackedSize.GetValue());
-  PutLE64(fixed + kOffDataSize, entry.DataSize.GetValue());
+  PutLE64(fixed + kOffDataSize, dataSize);
   AppendString(record, entry.Path.c_str(), pathLength);
   AppendString(record, fd.cFileName, nameLength);
   const size_t at = record.size();
@@ -367,8 +341,48 @@ int CArchiveFile::DoWriteEntry(CArchiveEntry& entry, CArchiveSize* recordSize) {
   PutLE32(record.data() + at, blockLength);
   if (blockLength != 0)
     record.insert(record.end(), entry.Security->Data, entry.Security->Data + blockLength);
+  return ERROR_SUCCESS;
+}
 
-  if (!WriteAll(file, record.data(), static_cast<DWORD>(record.size()))) {
+int CArchiveFile::DoWriteEntry(CArchiveEntry& entry, CArchiveSize* recordSize) {
+  if (recordSize != nullptr) *recordSize = 0;
+  const std::uint64_t entryOffset = entry.EntryOffset.GetValue();
+  entry.DataOffset = entryOffset;
+  const HANDLE file = m_Data->Handle;
+  if (!SeekTo(file, entryOffset)) {
+    SetErrorCode(LastErrorOr());
+    return 0;
+  }
+
+  // The record goes out in one write, so that a medium without room for it
+  // takes none of it.
+  std::vector<BYTE> record;
+  if (const DWORD code = ComposeEntryRecord(entry, entry.DataSize.GetValue(), record)) {
+    SetErrorCode(code);
+    return 0;
+  }
+  const std::uint64_t headerSize = record.size();
+
+  const DWORD limit = m_Data->EffectiveLimit();
+  if (limit != 0 && limit != 0xFFFFFFFFu) {
+    std::uint64_t end = entryOffset;
+    if (!AddChecked(end, headerSize)) {
+      SetErrorCode(ERROR_SEEK_ON_DEVICE);
+      return 0;
+    }
+    if (end > limit) {
+      SetErrorCode(ERROR_DISK_FULL);
+      return 0;
+    }
+  }
+
+  // When the record went out with its data already, this only moves past it.
+  if (m_Data->EntryWrittenAhead) {
+    if (!SkipAhead(file, static_cast<DWORD>(headerSize))) {
+      SetErrorCode(LastErrorOr());
+      return 0;
+    }
+  } else if (!WriteAll(file, record.data(), static_cast<DWORD>(record.size()))) {
     SetErrorCode(LastErrorOr());
     return 0;
   }

@@ -18,6 +18,13 @@ bool SeekTo(HANDLE file, std::uint64_t position) {
   return !(low == INVALID_SET_FILE_POINTER && GetLastError() != ERROR_SUCCESS);
 }
 
+bool SkipAhead(HANDLE file, DWORD count) {
+  LONG high = 0;
+  SetLastError(ERROR_SUCCESS);
+  const DWORD low = SetFilePointer(file, static_cast<LONG>(count), &high, FILE_CURRENT);
+  return !(low == INVALID_SET_FILE_POINTER && GetLastError() != ERROR_SUCCESS);
+}
+
 bool QuerySize(HANDLE file, std::uint64_t& size) {
   DWORD high = 0;
   SetLastError(ERROR_SUCCESS);

@@ -40,6 +40,10 @@ DWORD LastErrorOr(DWORD fallback = ERROR_GEN_FAILURE);
 // error set.
 bool SeekTo(HANDLE file, std::uint64_t position);
 
+// Moves the file pointer count bytes on, past bytes written before. False
+// with the last error set.
+bool SkipAhead(HANDLE file, DWORD count);
+
 // The file's current size. False with the last error set.
 bool QuerySize(HANDLE file, std::uint64_t& size);
 

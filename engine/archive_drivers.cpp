@@ -308,7 +308,8 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
                                DWORD method, DWORD& crc) {
   const ProgressTarget hook{this, arg1, arg2, arg3, &entry, &size, &m_Data->Arrays};
   if (m_Data->Ahead && method == talvern::engine::MethodFormat1) {
-    if (auto prepared = m_Data->Ahead->TakeUnchanged(source))
+    auto prepared = m_Data->Ahead->TakeUnchanged(source);
+    if (prepared && !prepared->data.original)
       return StorePrepared(error, hook, *prepared, target, crc) ? TRUE : FALSE;
   }
   DWORD sum = 0;

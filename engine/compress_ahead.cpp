@@ -59,14 +59,15 @@ bool OpenSpill(ScopedTempFile& spill) {
 } // namespace
 
 CompressAhead::CompressAhead(unsigned workers, const CString& baseDir, const CString& folder,
-                             DWORD srch, bool followLinks, SeenData* seen, std::uint64_t budget,
-                             std::uint64_t largest)
-    : budget_(budget), largest_(largest), followLinks_(followLinks), seen_(seen) {
+                             DWORD srch, bool followLinks, SeenData* seen, bool keepOriginal,
+                             std::uint64_t budget, std::uint64_t largest)
+    : budget_(budget), largest_(largest), followLinks_(followLinks), seen_(seen),
+      keepOriginal_(keepOriginal) {
   threads_.emplace_back([this, baseDir, folder, srch] {
     Walk(baseDir, folder, srch);
     std::lock_guard<std::mutex> lock(mutex_);
     walkerDone_ = true;
-    changed_.notify_all();
+    ready_.notify_one();
   });
   for (unsigned i = 0; i < std::max(workers, 1u); ++i) threads_.emplace_back([this] { Work(); });
 }
@@ -76,7 +77,9 @@ CompressAhead::~CompressAhead() {
     std::lock_guard<std::mutex> lock(mutex_);
     stop_ = true;
   }
-  changed_.notify_all();
+  work_.notify_all();
+  room_.notify_all();
+  ready_.notify_all();
   for (std::thread& thread : threads_) thread.join();
 }
 
@@ -139,14 +142,18 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   std::unique_lock<std::mutex> lock(mutex_);
   std::uint64_t& held = job->spills ? spilled_ : held_;
   const std::uint64_t budget = job->spills ? SpillBudget : budget_;
-  walkerWaits_ = true;
-  changed_.wait(lock, [&] { return stop_ || held == 0 || held + job->charge <= budget; });
-  walkerWaits_ = false;
+  if (!(held == 0 || held + job->charge <= budget)) {
+    walkerWaits_ = true;
+    ready_.notify_one(); // the walk may be waiting for a file that can only come now
+    room_.wait(lock, [&] { return stop_ || held == 0 || held + job->charge <= budget; });
+    walkerWaits_ = false;
+  }
   if (stop_) return false;
   held += job->charge;
   jobs_.push_back(std::move(job));
   ++submitted_;
-  changed_.notify_all();
+  work_.notify_one();
+  ready_.notify_one();
   return true;
 }
 
@@ -159,7 +166,10 @@ void CompressAhead::Drop(Job& job) {
     Release(job);
 }
 
-void CompressAhead::Release(const Job& job) { (job.spills ? spilled_ : held_) -= job.charge; }
+void CompressAhead::Release(const Job& job) {
+  (job.spills ? spilled_ : held_) -= job.charge;
+  room_.notify_one();
+}
 
 void CompressAhead::Work() {
   EngineArrays arrays; // this worker's engine arrays, from file to file
@@ -167,12 +177,9 @@ void CompressAhead::Work() {
     std::shared_ptr<Job> job;
     {
       std::unique_lock<std::mutex> lock(mutex_);
-      changed_.wait(lock, [&] {
-        if (stop_) return true;
-        return std::any_of(jobs_.begin(), jobs_.end(), [](const auto& j) { return !j->started; });
-      });
+      work_.wait(lock, [&] { return stop_ || started_ < jobs_.size(); });
       if (stop_) return;
-      job = *std::find_if(jobs_.begin(), jobs_.end(), [](const auto& j) { return !j->started; });
+      job = jobs_[started_++];
       job->started = true;
     }
 
@@ -189,8 +196,8 @@ void CompressAhead::Work() {
       if (sized && GetFileTime(source.Get(), nullptr, nullptr, &file.lastWrite)) {
         file.size = static_cast<std::uint64_t>(high) << 32 | low;
         if (!job->spills)
-          file.ok =
-              CompressSeen(error, source.Get(), file.size, file.data, seen_, nullptr, &arrays);
+          file.ok = CompressSeen(error, source.Get(), file.size, file.data, seen_, nullptr, &arrays,
+                                 keepOriginal_);
         else if (OpenSpill(file.spill))
           file.ok = CompressToFile(error, source.Get(), file.size, file.spill.File().Get(),
                                    file.data, &arrays) &&
@@ -204,7 +211,7 @@ void CompressAhead::Work() {
       Release(*job);
       job->file.reset();
     }
-    changed_.notify_all();
+    ready_.notify_one();
   }
 }
 
@@ -226,27 +233,27 @@ std::unique_ptr<PreparedFile> CompressAhead::Take(const CString& name) {
     if (walkerWaits_) {
       for (const auto& job : jobs_) Drop(*job);
       jobs_.clear();
-      changed_.notify_all();
+      started_ = 0;
     }
-    changed_.wait(lock);
+    ready_.wait(lock);
   }
   // Files before it were left out by the walk: drop them. When no worker
   // has started on it, the walk compresses it sooner than waiting would.
   std::shared_ptr<Job> job = *found;
+  const auto passed = static_cast<std::size_t>(found - jobs_.begin());
   for (auto it = jobs_.begin(); it != found; ++it) Drop(**it);
   jobs_.erase(jobs_.begin(), found);
+  started_ -= std::min(started_, passed);
   if (!job->started) {
     Release(*job);
     jobs_.pop_front();
-    changed_.notify_all();
     return nullptr;
   }
-  changed_.notify_all();
-  changed_.wait(lock, [&] { return job->done || stop_; });
+  ready_.wait(lock, [&] { return job->done || stop_; });
   if (!job->done) return nullptr;
   Release(*job);
   jobs_.pop_front();
-  changed_.notify_all();
+  --started_;
   return std::move(job->file);
 }
 

@@ -66,9 +66,11 @@ public:
   // baseDir\folder that adding with these search flags would walk,
   // entering linked folders as adding does when followLinks is set.
   // Files with the bytes of one in `seen` (may be null) take its data; the
-  // others compressed into memory are kept there.
+  // others compressed into memory are kept there. With keepOriginal, a
+  // file that does not compress keeps its own bytes instead (see
+  // CompressSeen), for a walk that stores such files from memory.
   CompressAhead(unsigned workers, const CString& baseDir, const CString& folder, DWORD srch,
-                bool followLinks = false, SeenData* seen = nullptr,
+                bool followLinks = false, SeenData* seen = nullptr, bool keepOriginal = false,
                 std::uint64_t budget = DefaultBudget, std::uint64_t largest = DefaultLargest);
   ~CompressAhead();
   CompressAhead(const CompressAhead&) = delete;
@@ -105,8 +107,15 @@ private:
   void Release(const Job& job);
 
   std::mutex mutex_;
-  std::condition_variable changed_;
+  // Each kind of thread waits on its own: workers for a file to start on,
+  // the walker for room, the walk for a file to be listed or finished.
+  std::condition_variable work_;
+  std::condition_variable room_;
+  std::condition_variable ready_;
   std::deque<std::shared_ptr<Job>> jobs_; // in walk order
+  // Workers start the jobs in walk order, so the started ones are the
+  // first `started_` of jobs_.
+  std::size_t started_ = 0;
   // Charges of queued jobs and of dropped ones still running, in memory and
   // in temporary files.
   std::uint64_t held_ = 0;
@@ -115,6 +124,7 @@ private:
   std::uint64_t largest_;
   bool followLinks_;
   SeenData* seen_;
+  bool keepOriginal_;
   bool stop_ = false;
   bool walkerDone_ = false;     // the walker listed the whole tree, or gave up
   std::uint64_t submitted_ = 0; // files queued so far

@@ -94,6 +94,7 @@ bool CompressInto(DWORD& error, HANDLE source, const BYTE* memory, std::uint64_t
   const std::uint64_t capacity = size + size / 8 + 64;
   try {
     out.bytes.resize(toMemory ? static_cast<std::size_t>(capacity) : 0);
+    out.original = false;
     out.reads.clear();
     out.reads.reserve(static_cast<std::size_t>(size / 8192 + 4));
   } catch (const std::bad_alloc&) {
@@ -198,7 +199,8 @@ void SeenData::Clear() {
 }
 
 bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
-                  SeenData* seen, const ProgressTarget* progress, EngineArrays* arrays) {
+                  SeenData* seen, const ProgressTarget* progress, EngineArrays* arrays,
+                  bool keepOriginal) {
   if (seen == nullptr || size == 0 || size > SeenData::Largest)
     return CompressToMemory(error, source, size, out, progress, arrays);
   std::vector<BYTE> content;
@@ -213,7 +215,8 @@ bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedDat
   whole.SetFile(source, size);
   const DWORD got = whole.Read(content.data(), static_cast<DWORD>(size));
   const DWORD crc = whole.Crc;
-  if (got == content.size() && seen->Find(content.data(), got, crc, out)) {
+  if (got == content.size() && seen->Find(content.data(), got, crc, out) &&
+      (keepOriginal || !out.original)) {
     if (progress != nullptr && !ReplayCompressProgress(*progress, out.reads)) {
       error = ERROR_CANCELLED;
       return false;
@@ -223,7 +226,16 @@ bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedDat
   if (!CompressInto(error, INVALID_HANDLE_VALUE, content.data(), got, INVALID_HANDLE_VALUE, out,
                     progress, progress != nullptr ? progress->arrays : arrays))
     return false;
-  if (got == content.size()) seen->Keep(std::move(content), crc, out);
+  if (got != content.size()) return true;
+  if (keepOriginal && out.bytes.size() >= got) {
+    try {
+      out.bytes = content;
+      out.original = true;
+    } catch (const std::bad_alloc&) {
+      // The compressed data stays; the caller reads the file again.
+    }
+  }
+  seen->Keep(std::move(content), crc, out);
   return true;
 }
 

@@ -46,7 +46,10 @@ void PrepareEngine(CEncodeDecode1& engine, const ProgressTarget& target, CArchiv
 // progress hook would have heard: the byte count of every read of the
 // source, in order.
 struct CompressedData {
-  std::vector<BYTE> bytes;  // empty when the data went to a file
+  std::vector<BYTE> bytes; // empty when the data went to a file
+  // bytes are the file's own bytes, since the compressed data was no
+  // smaller (only where the caller asked for them)
+  bool original = false;
   std::uint64_t packed = 0; // bytes of compressed data
   std::vector<DWORD> reads;
   DWORD crc = 0;
@@ -112,10 +115,12 @@ private:
 // bytes, the kept data is taken and the host hears the calls the
 // compression would have made; otherwise it is compressed from memory and
 // kept. A read that fails or ends early ends the data there, as it does
-// for the engine reading the file itself.
+// for the engine reading the file itself. With keepOriginal, data no
+// smaller than a file read whole is replaced by the file's bytes (marked
+// `original`), for a caller that then stores the file as it is.
 bool CompressSeen(DWORD& error, HANDLE source, std::uint64_t size, CompressedData& out,
                   SeenData* seen, const ProgressTarget* progress = nullptr,
-                  EngineArrays* arrays = nullptr);
+                  EngineArrays* arrays = nullptr, bool keepOriginal = false);
 
 // Tells the host what compressing the file told it, in the same calls with
 // the same counts, starting from 0. FALSE (the engine's 1223) when the host

@@ -28,6 +28,8 @@ using talvern::engine::ProgressTarget;
 using volume_io::LastErrorOr;
 using volume_io::QuerySize;
 using volume_io::SeekTo;
+using volume_io::SkipAhead;
+using volume_io::WriteAll;
 
 namespace {
 
@@ -127,15 +129,17 @@ void StartCompressAhead(CArchiveFileData& d, const CString& base, const CString&
                         DWORD srch) {
   const unsigned workers = talvern::engine::CompressAhead::WorkersFor(d.CompressThreads);
   if (workers > 1)
-    d.Ahead = std::make_unique<talvern::engine::CompressAhead>(workers, base, folder, srch,
-                                                               d.FollowLinks, &d.Seen);
+    d.Ahead = std::make_unique<talvern::engine::CompressAhead>(
+        workers, base, folder, srch, d.FollowLinks, &d.Seen, d.DirectTransfer);
 }
 
 // Ends the walk's work ahead: stops the workers, then lets go of the files
-// kept for copies (which the workers used too).
+// kept for copies (which the workers used too) and of the copy buffer.
 void EndCompressAhead(CArchiveFileData& d) {
   d.Ahead.reset();
   d.Seen.Clear();
+  d.CopyBuffer.reset();
+  d.CopyBufferSize = 0;
 }
 
 CString JoinFolder(const CString& folder, const WCHAR* name) {
@@ -161,6 +165,30 @@ bool ReadWhole(DWORD& error, HANDLE file, std::uint64_t size,
   out.crc = stream.Crc;
   out.bytesRead = got;
   return true;
+}
+
+// Writes the entry's record, as it reads once all its data is stored, and
+// the data behind it in one write at the entry's position: true when all of
+// it lies below the volume limit and the medium took it whole. Otherwise
+// the record and the data are written as usual, over whatever part of them
+// the medium took.
+bool WriteEntryAhead(const CArchiveFileData& d, const CArchiveEntry& entry,
+                     const std::vector<BYTE>& data, DWORD diskNo) {
+  std::vector<BYTE> bytes;
+  if (ComposeEntryRecord(entry, data.size(), bytes) != ERROR_SUCCESS) return false;
+  const std::uint64_t at = entry.EntryOffset.GetValue();
+  const std::uint64_t dataAt = at + bytes.size();
+  const DWORD limit = d.EffectiveLimit();
+  if ((limit != 0 && limit != 0xFFFFFFFFu && dataAt > limit) ||
+      RoomBeforeLimit(d.Limit.get(), diskNo, dataAt) < data.size() ||
+      bytes.size() + data.size() > 0xFFFFFFFFu)
+    return false;
+  try {
+    bytes.insert(bytes.end(), data.begin(), data.end());
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return SeekTo(d.Handle, at) && WriteAll(d.Handle, bytes.data(), static_cast<DWORD>(bytes.size()));
 }
 
 // Records code as the one error of the operation, whatever was latched.
@@ -373,12 +401,17 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
     SetErrorCode(ERROR_OUTOFMEMORY);
     return 0;
   }
+  // The copy buffer lasts from item to item of an operation.
   const DWORD bufferSize = kMaxCopyBuffer - kMaxCopyBuffer % cluster;
-  std::unique_ptr<BYTE[]> buffer(new (std::nothrow) BYTE[bufferSize]);
-  if (!buffer) {
+  if (d.CopyBufferSize != bufferSize) {
+    d.CopyBuffer.reset(new (std::nothrow) BYTE[bufferSize]);
+    d.CopyBufferSize = d.CopyBuffer ? bufferSize : 0;
+  }
+  if (!d.CopyBuffer) {
     SetErrorCode(ERROR_OUTOFMEMORY);
     return 0;
   }
+  BYTE* const buffer = d.CopyBuffer.get();
 
   const CString folder = entry.Path;
   const CString source = JoinItemPath(baseDir, folder, fd.cFileName);
@@ -444,10 +477,10 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
         return 0;
       }
       DWORD error = ERROR_SUCCESS;
-      const bool done =
-          entry.CompressType != 0
-              ? talvern::engine::CompressSeen(error, data.Get(), size, compressed, &d.Seen, &hook)
-              : ReadWhole(error, data.Get(), size, compressed);
+      const bool done = entry.CompressType != 0
+                            ? talvern::engine::CompressSeen(error, data.Get(), size, compressed,
+                                                            &d.Seen, &hook, nullptr, true)
+                            : ReadWhole(error, data.Get(), size, compressed);
       data.Close();
       if (!done) {
         // A cancellation replaces whatever was latched before it.
@@ -461,6 +494,9 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
       return 0;
     }
     entry.Crc = compressed.crc;
+    // Data no smaller than the file is not kept: the file is stored as it
+    // is, from the bytes read for it when they are at hand.
+    if (compressed.original) entry.CompressType = 0;
     if (entry.CompressType == 0 || compressed.bytes.size() < originalSize) {
       memory = std::move(compressed.bytes);
       inMemory = true;
@@ -539,10 +575,11 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
         position % cluster ? cluster - static_cast<DWORD>(position % cluster) : bufferSize;
     for (;;) {
       DWORD got = 0;
+      const BYTE* piece = buffer;
       if (inMemory) {
         got = static_cast<DWORD>(std::min<std::uint64_t>(request, memory.size() - consumed));
-        if (got != 0) std::memcpy(buffer.get(), memory.data() + consumed, got);
-      } else if (!ReadFile(data.Get(), buffer.get(), request, &got, nullptr)) {
+        piece = memory.data() + consumed;
+      } else if (!ReadFile(data.Get(), buffer, request, &got, nullptr)) {
         SetErrorCode(LastErrorOr());
         return 0;
       }
@@ -558,8 +595,16 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
         SetErrorCode(ERROR_DISK_FULL);
         return 0;
       }
-      const DWORD written =
-          wanted != 0 ? WriteFillingMedium(d.Handle, buffer.get(), wanted, cluster) : 0;
+      DWORD written = 0;
+      if (wanted != 0 && d.EntryWrittenAhead) {
+        if (!SkipAhead(d.Handle, wanted)) {
+          SetErrorCode(LastErrorOr());
+          return 0;
+        }
+        written = wanted;
+      } else if (wanted != 0) {
+        written = WriteFillingMedium(d.Handle, piece, wanted, cluster);
+      }
 
       CArchiveSize dataSize = entry.DataSize;
       if (dataSize.Add(CArchiveSize(written)) || stored + written < stored ||
@@ -574,6 +619,7 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
       if (!notifyProgress(stored)) return cancel();
 
       if (written < got) {
+        d.EntryWrittenAhead = false; // what follows is written on the next volume
         ClearError();
         entry.CompressType |= EntryContinuedBit;
         if (!DoDiskFull(root, entry, baseDir, 0, 0) || !continueOnNewVolume()) return 0;
@@ -615,9 +661,13 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
       entry.Security->Length = 0;
     }
 
+    // Data held in memory that fits the volume goes out at once with its
+    // record; the steps below then only move past it.
+    if (inMemory) d.EntryWrittenAhead = WriteEntryAhead(d, entry, memory, GetDiskNo());
     if (!DoWriteEntry(entry, nullptr)) {
       // Typically the record does not fit under the volume limit: it is
       // written at the start of the next volume instead.
+      d.EntryWrittenAhead = false;
       ClearError();
       if (!DoDiskFull(root, entry, baseDir, 0, 0) || !continueOnNewVolume()) return 0;
     }
@@ -637,9 +687,9 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
       if (!(startFlags & FlagHeaderDirty)) d.Flags &= ~FlagHeaderDirty;
     }
   }
+  d.EntryWrittenAhead = false;
   data.Close();
   temp.Remove();
-  buffer.reset();
   if (!options.KeepFolder) entry.Path = folder;
 
   const bool enter =

@@ -188,6 +188,25 @@ bool RecallClosedStoredInfo(dev_t device, ino_t inode, StoredInfo& info) {
   return true;
 }
 
+bool QueryHandleTimes(FileObject& file, FILETIME* creation, FILETIME* lastAccess,
+                      FILETIME* lastWrite) {
+  struct statx stx {};
+  if (file.fd < 0 ||
+      ::statx(file.fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &stx) != 0)
+    return false;
+  if (lastWrite != nullptr) *lastWrite = U64ToFileTime(TimespecToU64(FromStatx(stx.stx_mtime)));
+  if (lastAccess != nullptr) *lastAccess = U64ToFileTime(TimespecToU64(FromStatx(stx.stx_atime)));
+  if (creation != nullptr) {
+    const StoredInfo stored = HandleStoredInfo(file);
+    ItemStat st;
+    st.lastWrite = FromStatx(stx.stx_mtime);
+    st.hasBirth = (stx.stx_mask & STATX_BTIME) != 0;
+    st.birth = FromStatx(stx.stx_btime);
+    *creation = stored.hasCreation ? U64ToFileTime(stored.creation) : CreationFromHost(st);
+  }
+  return true;
+}
+
 bool QueryItem(const std::string& hostPath, std::string_view name, ItemInfo& info) {
   if (name.empty()) name = HostLastName(hostPath);
   ItemStat lst;

@@ -533,6 +533,8 @@ BOOL GetFileTime(HANDLE file, LPFILETIME creationTime, LPFILETIME lastAccessTime
                  LPFILETIME lastWriteTime) {
   FileObject* f = FileFromHandle(file);
   if (f == nullptr) return FALSE;
+  // The opened item's own times, without a look up of its name.
+  if (QueryHandleTimes(*f, creationTime, lastAccessTime, lastWriteTime)) return TRUE;
   ItemInfo info;
   if (!QueryItem(f->host, std::string_view(), info)) return FALSE;
   if (creationTime != nullptr) *creationTime = info.creation;

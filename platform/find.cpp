@@ -99,14 +99,18 @@ HANDLE StartSearch(LPCWSTR fileName, LPWIN32_FIND_DATAW findData, bool foldersOn
 
   auto find = std::make_unique<FindObject>();
   if (!HasWildcards(pattern)) {
-    struct stat st {};
-    if (::stat(dir.host.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-      return FailHandle(ERROR_PATH_NOT_FOUND);
-    // One name: the item itself, if it exists.
+    // One name: the item itself, if it exists. Only when it cannot be
+    // looked at does the folder tell which failure it is.
     std::string hostName;
-    if (!WindowsNameToHost(pattern, hostName)) return INVALID_HANDLE_VALUE;
     ItemInfo info;
-    if (!QueryItem(prefix + hostName, hostName, info)) return INVALID_HANDLE_VALUE;
+    if (!WindowsNameToHost(pattern, hostName) || !QueryItem(prefix + hostName, hostName, info)) {
+      const DWORD code = GetLastError();
+      struct stat st {};
+      if (::stat(dir.host.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return FailHandle(ERROR_PATH_NOT_FOUND);
+      SetLastError(code);
+      return INVALID_HANDLE_VALUE;
+    }
     WIN32_FIND_DATAW data;
     Fill(data, HostNameToWindows(hostName), info);
     find->results.push_back(data);

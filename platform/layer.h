@@ -260,6 +260,11 @@ bool RecallClosedStoredInfo(dev_t device, ino_t inode, StoredInfo& info);
 // Keeps what a handle that is being closed knows of its item's record.
 void RememberClosedStoredInfo(const FileObject& file);
 
+// The times of the item a handle has open, asked of the handle: false when
+// the handle cannot answer (the caller then asks by name).
+bool QueryHandleTimes(FileObject& file, FILETIME* creation, FILETIME* lastAccess,
+                      FILETIME* lastWrite);
+
 // Full information about one item, as GetFileAttributesW and the searches
 // report it. lst is the item itself (lstat), st the item behind a link.
 struct ItemInfo {

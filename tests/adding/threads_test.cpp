@@ -26,6 +26,14 @@ void MakeCorpusTree(const TempDir& dir) {
     WriteFile(dir.Host("source/small/f" + std::to_string(i) + ".txt"),
               std::string(i * 37 % 500, static_cast<char>('a' + i % 7)) + std::to_string(i));
   WriteFile(dir.Host("source/a/empty.dat"), "");
+  // Files that do not compress are stored as they are, from one byte to
+  // more than one copy buffer.
+  std::uint32_t seed = 12345;
+  for (const std::size_t size : {1u, 700u, 5000u, 300000u}) {
+    std::string noise(size, '\0');
+    for (char& c : noise) c = static_cast<char>((seed = seed * 1103515245u + 12345u) >> 24);
+    WriteFile(dir.Host("source/b" + std::to_string(size) + ".bin"), noise);
+  }
   std::string large;
   while (large.size() < (9u << 20)) large += "line " + std::to_string(large.size() % 977) + "\n";
   WriteFile(dir.Host("source/large.txt"), large);
@@ -97,6 +105,7 @@ TEST(AddingThreads, NumberedVolumesAreTheSame) {
   MakeCorpusTree(dir);
   const Outcome one = Add(dir, 1, true, 0, 1000000);
   ASSERT_EQ(one.result, 1) << one.error;
+  EXPECT_TRUE(one.archive == Add(dir, 1, false, 0, 1000000).archive);
   ExpectSame(Add(dir, 8, true, 0, 1000000), one, "numbered volumes");
 }
 
