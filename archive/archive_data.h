@@ -106,6 +106,11 @@ struct CArchiveFileData {
   // and data together: writing its record and copying its data then only
   // move past those bytes.
   bool EntryWrittenAhead = false;
+  // With direct transfer, the file the library's DoCreate just made for an
+  // entry, kept open for its data (and closed once the entry is done), so
+  // that it is not opened again by name.
+  ScopedHandle CreatedFile;
+  CString CreatedPath;
   // The adding walk's copy buffer, kept from item to item.
   std::unique_ptr<BYTE[]> CopyBuffer;
   DWORD CopyBufferSize = 0;

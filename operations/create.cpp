@@ -24,14 +24,20 @@ constexpr int kCreatedAsReplacement = 2;
 constexpr int kSkipped = 3;
 
 // Creates the item, empty; a file with the given disposition, closed again
-// at once. False with the last error of the failing call.
+// at once or, with `keep`, kept open there for the entry's data. False with
+// the last error of the failing call.
 bool CreateItem(const WCHAR* path, bool isDirectory, SECURITY_ATTRIBUTES* security,
-                DWORD disposition) {
+                DWORD disposition, CArchiveFileData* keep) {
   if (isDirectory) return CreateDirectoryW(path, security) != 0;
   const HANDLE file = CreateFileW(path, GENERIC_READ | GENERIC_WRITE, 0, security, disposition,
                                   FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) return false;
-  CloseHandle(file);
+  if (keep == nullptr) {
+    CloseHandle(file);
+    return true;
+  }
+  keep->CreatedFile.Reset(file);
+  keep->CreatedPath = path;
   return true;
 }
 
@@ -50,7 +56,11 @@ int CArchiveFile::DoCreate(const WCHAR* targetDir, const WCHAR* root, const WCHA
     security = &attributes;
   }
 
-  if (CreateItem(outputPath, isDirectory, security, CREATE_NEW)) return kCreated;
+  // With direct transfer the new file stays open for the data that follows.
+  CArchiveFileData* const keep = m_Data->DirectTransfer ? m_Data : nullptr;
+  m_Data->CreatedFile.Close();
+
+  if (CreateItem(outputPath, isDirectory, security, CREATE_NEW, keep)) return kCreated;
   const DWORD firstError = LastErrorOr();
 
   // The archive's header is committed before the host is asked anything.
@@ -103,7 +113,7 @@ int CArchiveFile::DoCreate(const WCHAR* targetDir, const WCHAR* root, const WCHA
     // Clearing the attributes lets a read-only, hidden or system file be
     // replaced; an existing directory is then used as it is.
     SetFileAttributesW(outputPath, 0);
-    if (!isDirectory && !CreateItem(outputPath, false, security, CREATE_ALWAYS)) {
+    if (!isDirectory && !CreateItem(outputPath, false, security, CREATE_ALWAYS, keep)) {
       SetErrorCode(LastErrorOr());
       return kFailed;
     }
@@ -118,7 +128,7 @@ int CArchiveFile::DoCreate(const WCHAR* targetDir, const WCHAR* root, const WCHA
       return kFailed;
     }
     if (!MoveFileW(outputPath, replacementName.c_str()) ||
-        !CreateItem(outputPath, isDirectory, security, CREATE_NEW)) {
+        !CreateItem(outputPath, isDirectory, security, CREATE_NEW, keep)) {
       SetErrorCode(LastErrorOr());
       return kFailed;
     }
@@ -129,7 +139,7 @@ int CArchiveFile::DoCreate(const WCHAR* targetDir, const WCHAR* root, const WCHA
       SetErrorCode(ERROR_PATH_NOT_FOUND);
       return kFailed;
     }
-    if (!CreateItem(replacementName.c_str(), isDirectory, security, CREATE_NEW)) {
+    if (!CreateItem(replacementName.c_str(), isDirectory, security, CREATE_NEW, keep)) {
       SetErrorCode(LastErrorOr());
       return kFailed;
     }

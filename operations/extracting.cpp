@@ -36,16 +36,18 @@ constexpr DWORD kCopyLimit = 262144; // largest copy buffer, and largest cluster
 // Decodes an entry's stored data, read from `data` starting at `from` (a
 // file's position; 0 for memory), into the output, or into nothing when
 // `output` is null, with the progress calls and checks of ExecExpand; then
-// gives the output its times when they are given.
+// gives the output its times when they are given. `created` is the output
+// when it is open already (just made, empty), else invalid.
 bool ExpandDirect(CArchiveFile& archive, const talvern::engine::StoredData& data,
                   std::uint64_t from, const WCHAR* targetDir, const WCHAR* root,
                   const WCHAR* folder, const CArchiveEntry& entry, std::uint64_t passed,
-                  const WCHAR* output, DWORD method, const ItemTimes* times, EngineArrays* arrays) {
+                  const WCHAR* output, DWORD method, const ItemTimes* times, EngineArrays* arrays,
+                  ScopedHandle& created) {
   DWORD error = ERROR_SUCCESS;
   bool ok = data.memory != nullptr || volume_io::SeekTo(data.file, from);
   if (!ok) error = LastErrorOr();
-  ScopedHandle target;
-  if (ok && output != nullptr) {
+  ScopedHandle target(created.Release());
+  if (ok && output != nullptr && !target.IsValid()) {
     target.Reset(CreateFileW(output, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (!target.IsValid()) {
@@ -362,6 +364,9 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
     // split file small enough from memory; the host hears the same
     // progress as with the temporary file.
     const bool direct = !skip && (d.DirectTransfer || d.TestOnly);
+    // The output DoCreate left open, when it is this entry's.
+    ScopedHandle createdOutput(d.CreatedFile.Release());
+    if (!created || !direct || d.CreatedPath != outputPath) createdOutput.Close();
     const bool continued = (entry.CompressType & EntryContinuedBit) != 0;
     enum class Sink { Nothing, Temporary, Memory };
     Sink sink = Sink::Nothing;
@@ -499,7 +504,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
       ok = ExpandDirect(*this, data, sink == Sink::Nothing ? entry.DataOffset.GetValue() : 0,
                         targetDir, root, folder.c_str(), entry, passed,
                         d.TestOnly ? nullptr : outputPath.c_str(), method,
-                        created ? &times : nullptr, &d.Arrays);
+                        created ? &times : nullptr, &d.Arrays, createdOutput);
       timesSet = created;
     }
     temporary.File().Close();
@@ -533,6 +538,7 @@ int CArchiveFile::DoExpand(const WCHAR* targetDir, const WCHAR* root, CArchiveEn
     }
   }
 
+  d.CreatedFile.Close(); // left open when the entry failed before its data
   if (created) {
     if (ok)
       SetFileAttributesW(outputPath.c_str(), outputAttributes);
