@@ -177,7 +177,11 @@ void CompressAhead::Work() {
     std::shared_ptr<Job> job;
     {
       std::unique_lock<std::mutex> lock(mutex_);
-      work_.wait(lock, [&] { return stop_ || started_ < jobs_.size(); });
+      // Files left to the walk are queued as started already: passed over.
+      work_.wait(lock, [&] {
+        while (started_ < jobs_.size() && jobs_[started_]->started) ++started_;
+        return stop_ || started_ < jobs_.size();
+      });
       if (stop_) return;
       job = jobs_[started_++];
       job->started = true;
@@ -253,7 +257,8 @@ std::unique_ptr<PreparedFile> CompressAhead::Take(const CString& name) {
   if (!job->done) return nullptr;
   Release(*job);
   jobs_.pop_front();
-  --started_;
+  // (A file left to the walk may lie beyond the workers' count.)
+  started_ -= std::min<std::size_t>(started_, 1);
   return std::move(job->file);
 }
 

@@ -113,8 +113,9 @@ private:
   std::condition_variable room_;
   std::condition_variable ready_;
   std::deque<std::shared_ptr<Job>> jobs_; // in walk order
-  // Workers start the jobs in walk order, so the started ones are the
-  // first `started_` of jobs_.
+  // Workers start the jobs in walk order: the first `started_` of jobs_ are
+  // started (files left to the walk are queued as started, and may lie
+  // beyond them).
   std::size_t started_ = 0;
   // Charges of queued jobs and of dropped ones still running, in memory and
   // in temporary files.
