@@ -132,9 +132,9 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   job->file->size = size;
   job->charge = Charge(size) + Bookkeeping(name);
   job->spills = size > largest_;
-  if (size > LeftToWalk) {
-    // The walk compresses it on every thread itself: queued as done and
-    // failed, it takes nothing and costs only its bookkeeping.
+  if (size > LeftToWalk || size < WorthHandingOver) {
+    // The walk compresses it itself (a large file on every thread): queued
+    // as done and failed, it takes nothing and costs only its bookkeeping.
     job->charge = Bookkeeping(name);
     job->spills = false;
     job->started = job->done = true;

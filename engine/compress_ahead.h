@@ -58,6 +58,10 @@ public:
   // Files larger than this are left to the walk, whose driver compresses a
   // large file on all the threads at once.
   static constexpr std::uint64_t LeftToWalk = DirectTransferLimit;
+  // Files smaller than this are left to the walk too: handing one over to
+  // a worker and checking it when it comes back costs more than
+  // compressing it.
+  static constexpr std::uint64_t WorthHandingOver = 1024;
   // Files the walker may list while the walk waits for one it has not
   // listed yet, before the walk compresses that file itself.
   static constexpr std::uint64_t Patience = 256;

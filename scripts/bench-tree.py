@@ -3,6 +3,7 @@
 
     scripts/bench-tree.py --talvern BUILD/tools/talvern [--baseline OTHER_TALVERN]
                           [--tree DIR] [--runs N] [--work DIR] [--no-copies]
+                          [--small-files]
 
 The tree is a copy of DIR (default /usr/include, its files and folders
 without symbolic links) made once into a scratch folder, so every tool reads the same files from the same disk. Each job
@@ -17,11 +18,17 @@ cache is warm: every run reads what the previous one read or wrote.
 every job, for before/after figures from one run. The summary line says how
 much of the tree is copies of earlier files (the library compresses such a
 copy only once); --no-copies deletes them from the scratch copy first.
+
+--small-files replaces the copy by a tree of many small files, as source
+trees and home folders have them: 20,000 files of 50 to 400 bytes (slices
+of DIR's files one after the other, cut at fixed pseudo-random places) in
+100 folders, where the work per file outweighs the compression.
 """
 
 import argparse
 import hashlib
 import os
+import random
 import shutil
 import statistics
 import subprocess
@@ -79,6 +86,29 @@ def tree_summary(root, drop_copies=False):
     return files, folders, size, copied
 
 
+def make_small_files(source, dest, count=20000, per_folder=200, seed=1):
+    """Cuts the text of source's files (in walk order, up to 32 MB) into
+    count files of 50 to 400 bytes, per_folder to a folder."""
+    text = bytearray()
+    for folder, dirs, names in os.walk(source):
+        dirs.sort()
+        for n in sorted(names):
+            path = os.path.join(folder, n)
+            if os.path.isfile(path) and not os.path.islink(path):
+                with open(path, "rb") as f:
+                    text += f.read()
+            if len(text) >= 32 << 20:
+                break
+    rng = random.Random(seed)
+    for i in range(count):
+        folder = os.path.join(dest, f"d{i // per_folder:03}")
+        os.makedirs(folder, exist_ok=True)
+        size = rng.randint(50, 400)
+        at = rng.randrange(len(text) - size)
+        with open(os.path.join(folder, f"f{i % per_folder:03}.txt"), "wb") as f:
+            f.write(text[at:at + size])
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--talvern", required=True)
@@ -88,6 +118,8 @@ def main():
     parser.add_argument("--work")
     parser.add_argument("--no-copies", action="store_true",
                         help="delete files whose contents an earlier file has")
+    parser.add_argument("--small-files", action="store_true",
+                        help="20,000 files of 50 to 400 bytes cut from the tree instead of a copy")
     args = parser.parse_args()
 
     for tool in ("tar", "gzip", "zstd", "/usr/bin/time"):
@@ -99,7 +131,9 @@ def main():
     os.makedirs(work, exist_ok=True)
     src = os.path.join(work, "tree")
     try:
-        if not os.path.isdir(src):
+        if not os.path.isdir(src) and args.small_files:
+            make_small_files(args.tree, src)
+        elif not os.path.isdir(src):
             # Files and folders only: symbolic links (some point out of the
             # tree, or nowhere) are left out.
             shutil.copytree(args.tree, src, symlinks=True,
@@ -186,7 +220,8 @@ def main():
         sizes["tar+zstd -3"] = os.path.getsize(tzst)
 
         cores = os.cpu_count()
-        print(f"Tree: copy of {args.tree}: {files} files, {folders} folders, "
+        what = "small files cut from" if args.small_files else "copy of"
+        print(f"Tree: {what} {args.tree}: {files} files, {folders} folders, "
               f"{size / 1e6:.1f} MB ({copied / 1e6:.1f} MB in copies of earlier files"
               f"{', copies deleted' if args.no_copies else ''}); {args.runs} runs per tool, alternating; "
               f"{cores} cores; warm page cache")
