@@ -152,7 +152,7 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   held += job->charge;
   jobs_.push_back(std::move(job));
   ++submitted_;
-  work_.notify_one();
+  if (!jobs_.back()->started) work_.notify_one();
   ready_.notify_one();
   return true;
 }
