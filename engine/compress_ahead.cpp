@@ -115,8 +115,7 @@ void CompressAhead::Walk(const CString& baseDir, const CString& folder, DWORD sr
         if (!inner.empty()) inner += u'\\';
         inner += data.cFileName;
         Walk(baseDir, inner, srch);
-      } else if (SizeOf(data) != 0) {
-        // An empty file has nothing to compress: the walk does not ask.
+      } else if (HandsOver(SizeOf(data))) {
         if (!Submit(JoinItemPath(baseDir.c_str(), folder, data.cFileName), SizeOf(data))) return;
       }
     } while (find.Next(data));
@@ -132,13 +131,6 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   job->file->size = size;
   job->charge = Charge(size) + Bookkeeping(name);
   job->spills = size > largest_;
-  if (size > LeftToWalk || size < WorthHandingOver) {
-    // The walk compresses it itself (a large file on every thread): queued
-    // as done and failed, it takes nothing and costs only its bookkeeping.
-    job->charge = Bookkeeping(name);
-    job->spills = false;
-    job->started = job->done = true;
-  }
   std::unique_lock<std::mutex> lock(mutex_);
   std::uint64_t& held = job->spills ? spilled_ : held_;
   const std::uint64_t budget = job->spills ? SpillBudget : budget_;
@@ -152,7 +144,7 @@ bool CompressAhead::Submit(const CString& name, std::uint64_t size) {
   held += job->charge;
   jobs_.push_back(std::move(job));
   ++submitted_;
-  if (!jobs_.back()->started) work_.notify_one();
+  work_.notify_one();
   ready_.notify_one();
   return true;
 }
@@ -177,11 +169,7 @@ void CompressAhead::Work() {
     std::shared_ptr<Job> job;
     {
       std::unique_lock<std::mutex> lock(mutex_);
-      // Files left to the walk are queued as started already: passed over.
-      work_.wait(lock, [&] {
-        while (started_ < jobs_.size() && jobs_[started_]->started) ++started_;
-        return stop_ || started_ < jobs_.size();
-      });
+      work_.wait(lock, [&] { return stop_ || started_ < jobs_.size(); });
       if (stop_) return;
       job = jobs_[started_++];
       job->started = true;
@@ -257,8 +245,7 @@ std::unique_ptr<PreparedFile> CompressAhead::Take(const CString& name) {
   if (!job->done) return nullptr;
   Release(*job);
   jobs_.pop_front();
-  // (A file left to the walk may lie beyond the workers' count.)
-  started_ -= std::min<std::size_t>(started_, 1);
+  --started_;
   return std::move(job->file);
 }
 

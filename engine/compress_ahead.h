@@ -58,10 +58,15 @@ public:
   // Files larger than this are left to the walk, whose driver compresses a
   // large file on all the threads at once.
   static constexpr std::uint64_t LeftToWalk = DirectTransferLimit;
-  // Files smaller than this are left to the walk too: handing one over to
-  // a worker and checking it when it comes back costs more than
-  // compressing it.
+  // Files smaller than this (empty ones too) are left to the walk:
+  // handing one over to a worker and checking it when it comes back costs
+  // more than compressing it.
   static constexpr std::uint64_t WorthHandingOver = 1024;
+  // Whether a file of this size is compressed ahead: the walk asks for
+  // such files only (Take), and compresses the others itself.
+  static bool HandsOver(std::uint64_t size) {
+    return size >= WorthHandingOver && size <= LeftToWalk;
+  }
   // Files the walker may list while the walk waits for one it has not
   // listed yet, before the walk compresses that file itself.
   static constexpr std::uint64_t Patience = 256;
@@ -117,9 +122,8 @@ private:
   std::condition_variable room_;
   std::condition_variable ready_;
   std::deque<std::shared_ptr<Job>> jobs_; // in walk order
-  // Workers start the jobs in walk order: the first `started_` of jobs_ are
-  // started (files left to the walk are queued as started, and may lie
-  // beyond them).
+  // Workers start the jobs in walk order, so the started ones are the
+  // first `started_` of jobs_.
   std::size_t started_ = 0;
   // Charges of queued jobs and of dropped ones still running, in memory and
   // in temporary files.

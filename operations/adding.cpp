@@ -453,7 +453,8 @@ int CArchiveFile::DoCompress(const WCHAR* root, const WCHAR* baseDir, CArchiveEn
     const ProgressTarget hook{this, root, baseDir, folder.c_str(), &entry, &noSize, &d.Arrays};
     talvern::engine::CompressedData compressed;
     std::unique_ptr<talvern::engine::PreparedFile> prepared;
-    if (d.Ahead && entry.CompressType != 0 && originalSize != 0)
+    if (d.Ahead && entry.CompressType != 0 &&
+        talvern::engine::CompressAhead::HandsOver(originalSize))
       prepared = d.Ahead->TakeUnchanged(source);
     // Data compressed into a temporary file is small enough here to read.
     if (prepared && prepared->spill.File().IsValid()) {
