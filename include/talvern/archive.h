@@ -194,7 +194,9 @@ public:
   // volume, straight from the archive) instead of through a temporary
   // file. GetTempCompressFile, ExecCompress and ExecExpand are then not
   // called for such files; every other call, and the progress hooks with
-  // their arguments, stay as they are.
+  // their arguments, stay as they are. The file the library's DoCreate
+  // makes stays open (shared with no one) until its data is in: a DoCreate
+  // override that calls it and then opens the new file needs this off.
   void SetDirectTransfer(int direct);
   int IsDirectTransfer() const;
   // Test only (off by default): extraction decodes every selected file and
