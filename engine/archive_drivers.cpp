@@ -307,10 +307,8 @@ int CArchiveFile::ExecCompress(DWORD& error, const WCHAR* arg1, const WCHAR* arg
                                const CArchiveSize& size, const WCHAR* target, const WCHAR* source,
                                DWORD method, DWORD& crc) {
   const ProgressTarget hook{this, arg1, arg2, arg3, &entry, &size, &m_Data->Arrays};
-  const std::uint64_t fileSize =
-      static_cast<std::uint64_t>(entry.FindData.nFileSizeHigh) << 32 | entry.FindData.nFileSizeLow;
   if (m_Data->Ahead && method == talvern::engine::MethodFormat1 &&
-      talvern::engine::CompressAhead::HandsOver(fileSize)) {
+      talvern::engine::CompressAhead::HandsOver(OriginalSize(entry))) {
     auto prepared = m_Data->Ahead->TakeUnchanged(source);
     if (prepared && !prepared->data.original)
       return StorePrepared(error, hook, *prepared, target, crc) ? TRUE : FALSE;

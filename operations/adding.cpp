@@ -177,12 +177,8 @@ bool WriteEntryAhead(const CArchiveFileData& d, const CArchiveEntry& entry,
   std::vector<BYTE> bytes;
   if (ComposeEntryRecord(entry, data.size(), bytes) != ERROR_SUCCESS) return false;
   const std::uint64_t at = entry.EntryOffset.GetValue();
-  const std::uint64_t dataAt = at + bytes.size();
-  const DWORD limit = d.EffectiveLimit();
-  if ((limit != 0 && limit != 0xFFFFFFFFu && dataAt > limit) ||
-      RoomBeforeLimit(d.Limit.get(), diskNo, dataAt) < data.size() ||
-      bytes.size() + data.size() > 0xFFFFFFFFu)
-    return false;
+  const std::uint64_t total = bytes.size() + data.size();
+  if (total > 0xFFFFFFFFu || RoomBeforeLimit(d.Limit.get(), diskNo, at) < total) return false;
   try {
     bytes.insert(bytes.end(), data.begin(), data.end());
   } catch (const std::bad_alloc&) {
